@@ -1,0 +1,37 @@
+// The host's common library (libadminhostcommon): running tools, this machine's addresses, and
+// the directory service.
+#pragma once
+
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "plist/plist.h"
+
+namespace velm {
+
+struct LaunchResult {
+  int status = -1;       // exit code; 128 + signal when killed; -1 when it could not be started
+  std::string output;    // standard output
+  std::string error;     // standard error
+};
+
+// Runs path with args (args[0] is not the program name: it is added) to its end; no shell.
+// env entries are added to (or replace) the inherited environment.
+LaunchResult launch_task(const std::string& path, const std::vector<std::string>& args,
+                         const std::map<std::string, std::string>& env = {});
+// The same, feeding input on standard input.
+LaunchResult launch_task_with_input(const std::string& path, const std::vector<std::string>& args,
+                                    std::string_view input,
+                                    const std::map<std::string, std::string>& env = {});
+
+// One dictionary per interface address: family ("AF_INET", "AF_INET6"), ipAddress, name,
+// subnetMask, userDefinedName, plus macAddress and flags where known.
+PropertyList get_interfaces_info();
+// This machine's IPv4 addresses as strings (VELM_HOST_ADDRESSES when set).
+PropertyList get_host_ips();
+// Directory node information: attribute name to array of values; node 0 is the search node.
+PropertyList DSGetNodeInfo(int node, const std::vector<std::string>& attributes);
+
+}  // namespace velm

@@ -1,0 +1,20 @@
+// Whole-file reading and atomic whole-file writing.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace velm {
+
+// The whole file, or nothing when it can't be opened or read.
+std::optional<std::string> readFile(const std::string& path);
+// Writes a temporary file in the same directory, fsyncs it, renames it over path and fsyncs the
+// directory. Returns 0 or the errno value of the step that failed; path is untouched on failure.
+int writeFileAtomically(const std::string& path, std::string_view data, unsigned mode = 0644);
+// True when the path's attributes can be read.
+bool pathExists(const std::string& path);
+// mkdir -p; returns 0 or an errno value.
+int makeDirectories(const std::string& path, unsigned mode = 0755);
+
+}  // namespace velm
