@@ -60,3 +60,8 @@ class ScopedFakeClock {
 };
 
 }  // namespace velm
+
+namespace velm {
+// Microseconds of the wall clock (seconds x 1000000 + microseconds); 0 when it can't be read.
+inline std::uint64_t perf_timestamp() { return clock().wallMicros(); }
+}  // namespace velm

@@ -1,0 +1,58 @@
+// VelmPlugin: the one object the host sees. Checks each request's command against the command
+// table, runs its handler under the plugin lock and adds the two timing keys.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "adminhost/plugin_request_handler.h"
+#include "plist/plist.h"
+
+namespace velm {
+
+class VelmPlugin : public PluginRequestHandler {
+ public:
+  // A handler answers a dictionary, or nothing (the response then holds only the timing keys).
+  using Handler = std::optional<PropertyList> (VelmPlugin::*)(const PropertyList& request);
+
+  VelmPlugin();
+  ~VelmPlugin() override;
+
+  std::optional<PropertyList> doProcessInputWithRequest(const PropertyList& request, PropertyList* context,
+                                                        std::int32_t* lockFileFD) override;
+
+  // The command table, in order.
+  static std::span<const std::string_view> allDispatchStrings();
+  // The handler named "<command>WithRequest:", if the plugin has one.
+  static Handler handlerNamed(std::string_view name);
+  // { error = text }
+  static PropertyList responseForError(const char* text);
+
+  void lockPlugin() { ourLock_.lock(); }
+  void unlockPlugin() { ourLock_.unlock(); }
+
+  // Handlers.
+  std::optional<PropertyList> getStateWithRequest(const PropertyList& request);
+  std::optional<PropertyList> readSettingsWithRequest(const PropertyList& request);
+  std::optional<PropertyList> testPerformanceWithRequest(const PropertyList& request);
+  std::optional<PropertyList> getComputerPropertiesWithRequest(const PropertyList& request);
+
+ private:
+  std::optional<PropertyList> refuse(const char* text);
+  std::optional<PropertyList> buildClientHealth();
+
+  PropertyList clientHealth_;
+  PropertyList longTasks_ = PropertyList::dict();
+  // The plugin lock: held for the whole of every handler and event callback; first in the lock
+  // order, never taken recursively.
+  std::mutex ourLock_;
+};
+
+// The notification settings file as a dictionary; nothing (logged) when missing or unreadable.
+std::optional<PropertyList> getNotificationDictionary();
+
+}  // namespace velm
