@@ -1,5 +1,8 @@
 // HostHardwareInfo: what the machine is (processors, memory, model) and display texts for it.
 // Functions with Copy in their name hand back a new string; nothing means "no answer".
+// Texts come from the resources directory (VELM_RESOURCES, else resources/ beside the program or
+// plugin): HostHardwareInfo.plist (key -> format; a missing key keeps its built-in default),
+// MachineTypes.plist (model string -> text key) and Localizable.plist (text key -> text).
 #pragma once
 
 #include <cstdint>
@@ -21,5 +24,8 @@ std::string HHI_CopyBusSpeedDescription(std::uint32_t speedHz);
 std::string HHI_CopyCurrentBusSpeedDescription();
 std::string HHI_CopyRAMDescription(std::uint64_t bytes);
 std::string HHI_CopyDiskSizeDescription(std::uint64_t bytes);
+
+// Forgets the remembered table searches, the Xeon flag and the loaded translations.
+void HHI_ResetForTest();
 
 }  // namespace velm

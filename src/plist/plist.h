@@ -38,19 +38,22 @@ class PlistDict {
   // Returns the value for key, inserting a null value when absent.
   PropertyList& operator[](std::string_view key);
   bool erase(std::string_view key);
-  void clear() { entries_.clear(); }
-  size_t size() const { return entries_.size(); }
-  bool empty() const { return entries_.empty(); }
-  void reserve(size_t n) { entries_.reserve(n); }
+  // Defined after PropertyList: the entries' type must be complete first (clang insists).
+  void clear();
+  size_t size() const;
+  bool empty() const;
+  void reserve(size_t n);
 
-  const_iterator begin() const { return entries_.begin(); }
-  const_iterator end() const { return entries_.end(); }
-  iterator begin() { return entries_.begin(); }
-  iterator end() { return entries_.end(); }
+  const_iterator begin() const;
+  const_iterator end() const;
+  iterator begin();
+  iterator end();
 
   // Bulk building (the XML reader): append in any order, then sortAndDedupe() once; the last
   // occurrence of a duplicated key wins.
   void appendUnsorted(std::string key, PropertyList value);
+  // The same, returning the new (null) value to be filled in place.
+  PropertyList& appendUnsorted(std::string key);
   void sortAndDedupe();
 
   bool operator==(const PlistDict& other) const;
@@ -146,6 +149,15 @@ class PropertyList {
                PlistDate, PlistData>
       v_;
 };
+
+inline void PlistDict::clear() { entries_.clear(); }
+inline size_t PlistDict::size() const { return entries_.size(); }
+inline bool PlistDict::empty() const { return entries_.empty(); }
+inline void PlistDict::reserve(size_t n) { entries_.reserve(n); }
+inline PlistDict::const_iterator PlistDict::begin() const { return entries_.begin(); }
+inline PlistDict::const_iterator PlistDict::end() const { return entries_.end(); }
+inline PlistDict::iterator PlistDict::begin() { return entries_.begin(); }
+inline PlistDict::iterator PlistDict::end() { return entries_.end(); }
 
 // ---- XML property-list documents ----
 
