@@ -1,6 +1,7 @@
 #include <exception>
 #include <map>
 
+#include "config/config_parser.h"
 #include "core/san_computer.h"
 #include "core/velm_plugin.h"
 #include "platform/clock.h"
@@ -36,10 +37,24 @@ const std::map<std::string_view, VelmPlugin::Handler>& handlers() {
 }  // namespace
 
 VelmPlugin::VelmPlugin() {
+  // Volume configuration asks which controller addresses are this machine's; it sits below the
+  // computer model, so the model is handed down as a provider.
+  setThisComputerProvider([] {
+    SANComputer& computer = SANComputer::thisComputer();
+    ThisComputerAddresses mine;
+    if (const std::string* id = computer.uuid().asString()) mine.uuid = *id;
+    PropertyList interfaces = computer.networkInterfaces();
+    if (const PlistArray* list = interfaces.asArray()) {
+      for (const PropertyList& entry : *list) {
+        if (const std::string* ip = entry.getString("ipAddress")) mine.ipAddresses.push_back(*ip);
+      }
+    }
+    return mine;
+  });
   NLog("%s: Starting up plugin, computer UUID = %@", __func__, SANComputer::thisComputer().uuid());
 }
 
-VelmPlugin::~VelmPlugin() = default;
+VelmPlugin::~VelmPlugin() { setThisComputerProvider(nullptr); }
 
 std::span<const std::string_view> VelmPlugin::allDispatchStrings() { return kCommands; }
 
