@@ -1,0 +1,64 @@
+// The stand-in port mapper's answers, one function per kind of message, apart from the sockets
+// so that new requests are added here alone.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "sim/simpm_config.h"
+
+namespace velm::sim {
+
+// Writes one line to stderr ("velm-simpm: ..."); callable from any thread.
+void simLog(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
+// What one port-mapper connection has shown so far.
+struct PmConnection {
+  int fd = -1;
+  std::string peer;
+  bool authRequired = false;  // the secret file exists in the stand-in's root
+  bool authenticated = false;
+};
+
+class SimPmProtocol {
+ public:
+  SimPmProtocol(SimPmConfig config, const struct in6_addr& listenAddr, int servicePort)
+      : config_(std::move(config)), listen_(listenAddr), servicePort_(servicePort) {}
+
+  const SimPmConfig& config() const { return config_; }
+  SimPmConfig& config() { return config_; }
+  void setServicePort(int port) { servicePort_ = port; }
+
+  // The 32-byte hello sent on every discovery connection.
+  void discoveryHello(std::uint8_t out[32]) const;
+  // Answers a 32-byte discovery request; false when it is not one.
+  bool discoveryReply(const std::uint8_t req[32], std::uint8_t out[32]) const;
+
+  // A framed port-mapper request of len bytes in msg (room: cap). Fills the reply in place and
+  // returns its length.
+  std::size_t framedRequest(PmConnection& conn, std::uint8_t* msg, std::size_t len,
+                            std::size_t cap);
+
+  // An unframed 1024-byte message (authentication, activation). Writes what it answers to
+  // conn.fd itself; false drops the connection.
+  bool unframedRequest(PmConnection& conn, std::uint8_t* msg);
+
+  // A framed request on the admin connection of an FSM. Fills the reply in place; its length.
+  std::size_t fsmRequest(const SimFsm& fsm, std::uint8_t* msg, std::size_t len, std::size_t cap);
+
+  // The address an FSM is reached at.
+  struct in6_addr fsmAddress(const SimFsm& fsm) const;
+
+ private:
+  std::size_t unknownReply(std::uint8_t* msg, std::size_t len);
+  std::size_t getSocket(std::uint8_t* msg, std::uint16_t type);
+
+  SimPmConfig config_;
+  struct in6_addr listen_;
+  int servicePort_;
+};
+
+}  // namespace velm::sim

@@ -1,0 +1,75 @@
+// The stand-in port mapper's sockets: discovery on the altpmap port (5164 without one), the
+// port-mapper service on its own port, and the admin port of each local active FSM. One thread
+// per connection; stop() may be called from a signal handler.
+#pragma once
+
+#include <netinet/in.h>
+
+#include <atomic>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/unique_fd.h"
+#include "sim/simpm_protocol.h"
+
+namespace velm::sim {
+
+struct SimPmOptions {
+  std::string root;  // sandbox root: its DRFS root holds fsports and .auth_secret
+  std::string listen = "127.0.0.1";
+  std::string configPath;  // empty: <root>/simpm.plist when it exists
+};
+
+class SimPortMapper {
+ public:
+  SimPortMapper() = default;
+  ~SimPortMapper();
+  SimPortMapper(const SimPortMapper&) = delete;
+  SimPortMapper& operator=(const SimPortMapper&) = delete;
+
+  // Points the library's root at options.root, reads the configuration and binds every socket.
+  // false with a reason.
+  bool start(const SimPmOptions& options, std::string* error);
+  // Serves until stop().
+  void run();
+  // Async-signal-safe.
+  void stop();
+
+  int discoveryPort() const { return discoveryPort_; }
+  int servicePort() const { return servicePort_; }
+
+ private:
+  struct Listener {
+    UniqueFd fd;
+    enum Kind { Discovery, Service, Fsm } kind;
+    std::size_t fsmIndex = 0;
+  };
+  struct Connection {
+    std::thread thread;
+    UniqueFd fd;
+    std::atomic<bool> done{false};
+  };
+
+  bool listenOn(const struct in6_addr& addr, int port, Listener::Kind kind, std::size_t fsmIndex,
+                int* boundPort, std::string* error);
+  void serve(Listener::Kind kind, std::size_t fsmIndex, int fd, std::string peer);
+  void serveDiscovery(int fd);
+  void servePortMapper(int fd, const std::string& peer);
+  void serveFsm(std::size_t fsmIndex, int fd);
+  void reapConnections(bool all);
+
+  std::unique_ptr<SimPmProtocol> protocol_;
+  std::vector<Listener> listeners_;
+  UniqueFd wakeRead_, wakeWrite_;
+  std::atomic<bool> stopping_{false};
+  int discoveryPort_ = 0;
+  int servicePort_ = 0;
+  std::mutex connMutex_;  // guards connections_; leaf
+  std::list<std::unique_ptr<Connection>> connections_;
+};
+
+}  // namespace velm::sim
