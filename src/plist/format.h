@@ -40,6 +40,10 @@ class FormatArg {
   // A null pointer prints as (null) under %@.
   FormatArg(const PropertyList* p) : kind_(Kind::Plist), p_(p), null_(!p) {}
   FormatArg(const void* p) : kind_(Kind::Pointer), ptr_(p) {}
+  // Enumerations print as their numbers (the compile-time check counts them as integers).
+  template <typename E>
+    requires std::is_enum_v<E>
+  FormatArg(E e) : FormatArg(static_cast<std::underlying_type_t<E>>(e)) {}
 
   Kind kind() const { return kind_; }
   std::int64_t signedValue() const { return i_; }

@@ -1,6 +1,7 @@
 #include "plist/plist.h"
 
 #include <algorithm>
+#include <tuple>
 
 namespace velm {
 
@@ -44,6 +45,12 @@ bool PlistDict::erase(std::string_view key) {
 
 void PlistDict::appendUnsorted(std::string key, PropertyList value) {
   entries_.emplace_back(std::move(key), std::move(value));
+}
+
+PropertyList& PlistDict::appendUnsorted(std::string key) {
+  return entries_
+      .emplace_back(std::piecewise_construct, std::forward_as_tuple(std::move(key)), std::tuple<>())
+      .second;
 }
 
 void PlistDict::sortAndDedupe() {

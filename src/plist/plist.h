@@ -162,7 +162,7 @@ inline PlistDict::iterator PlistDict::end() { return entries_.end(); }
 // ---- XML property-list documents ----
 
 struct PlistReadOptions {
-  size_t maxDepth = 512;        // deeper nesting is an error, never a stack overflow
+  size_t maxDepth = 512;        // deeper nesting is an error, never a stack overflow (max 1024)
   bool requireDictionary = false;  // a non-dictionary top level is an error
 };
 
@@ -179,6 +179,10 @@ PlistReadResult readXmlPlistFile(const std::string& path, const PlistReadOptions
 std::optional<PropertyList> readDictionaryFile(const std::string& path);
 
 // The whole document: XML declaration, DOCTYPE, <plist version="1.0">, tab indentation.
+// XML has no null: null entries are left out, and a null top level gives an empty <plist>
+// (which does not read back). What XML 1.0 cannot carry (control characters other than tab,
+// newline and carriage return; malformed UTF-8) is written as U+FFFD, as the reader reads it.
+// Dates are written in whole seconds.
 std::string writeXmlPlist(const PropertyList& value);
 // Whole and atomic (temporary file, fsync, rename). Returns 0 or an errno value.
 int writeXmlPlistFile(const std::string& path, const PropertyList& value, unsigned mode = 0644);
