@@ -1,0 +1,242 @@
+#include "host/admin_host.h"
+
+#include <fcntl.h>
+#include <httplib.h>
+#include <limits.h>
+#include <stdlib.h>
+#include <sys/auxv.h>
+#include <sys/file.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <map>
+
+#include "adminhost/context_store.h"
+#include "host/admin_token.h"
+#include "host/command_router.h"
+#include "host/host_log.h"
+#include "host/idle_ticker.h"
+#include "platform/clock.h"
+#include "platform/files.h"
+#include "platform/paths.h"
+#include "platform/unique_fd.h"
+
+#ifndef VELM_INSTALL_PLUGIN_DIR
+#define VELM_INSTALL_PLUGIN_DIR "/usr/local/lib/adminhost"
+#endif
+
+namespace velm {
+namespace {
+
+// A keep-alive connection holds a pool thread for its life; after this many requests it is
+// closed so that one busy client can't keep a thread for ever.
+constexpr size_t kKeepAliveMaxRequests = 1000;
+constexpr time_t kKeepAliveSeconds = 5;
+constexpr const char* kPlistType = "application/x-plist";
+
+std::string executableDirectory() {
+  char resolved[PATH_MAX];
+  const char* exec = reinterpret_cast<const char*>(::getauxval(AT_EXECFN));
+  if (exec && ::realpath(exec, resolved)) return std::filesystem::path(resolved).parent_path().string();
+  std::error_code ec;
+  std::filesystem::path self = std::filesystem::read_symlink(procfsPath("self/exe"), ec);
+  return ec ? std::string(".") : self.parent_path().string();
+}
+
+bool holdsPlugins(const std::string& dir) {
+  std::error_code ec;
+  for (std::filesystem::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec))
+    if (pluginNameForFile(it->path().filename().string())) return true;
+  return false;
+}
+
+std::string urlHost(const std::string& host) {
+  return host.find(':') != std::string::npos ? "[" + host + "]" : host;
+}
+
+}  // namespace
+
+AdminHost::AdminHost(HostOptions options) : options_(std::move(options)) {}
+
+AdminHost::~AdminHost() = default;
+
+std::string AdminHost::pluginsDirectory() const {
+  if (!options_.pluginsDir.empty()) return options_.pluginsDir;
+  // In the build tree the plugin sits in lib/ beside bin/; installed, in lib/adminhost.
+  std::string exeDir = executableDirectory();
+  for (std::string dir : {exeDir + "/../lib", exeDir + "/../lib/adminhost", std::string(VELM_INSTALL_PLUGIN_DIR)})
+    if (holdsPlugins(dir)) return std::filesystem::path(dir).lexically_normal().string();
+  return VELM_INSTALL_PLUGIN_DIR;
+}
+
+void AdminHost::tick(std::uint64_t count) {
+  PropertyList request = PropertyList::dict();
+  request.set("command", "doIdle");
+  request.set("count", static_cast<long long>(count));
+  for (const auto& plugin : plugins_) {
+    std::uint64_t started = clock().monotonicMicros();
+    PluginCall call = plugin->call(request);
+    std::uint64_t micros = clock().monotonicMicros() - started;
+    if (call.outcome == PluginCall::Outcome::NoResponse)
+      HostLog("plugin %s gave no response to doIdle at count %llu", plugin->name(),
+              static_cast<unsigned long long>(count));
+    else
+      HostTrace("idle %s doIdle count %llu %s %lluus", plugin->name(), static_cast<unsigned long long>(count),
+                call.outcome == PluginCall::Outcome::Answered ? "answered" : "failed",
+                static_cast<unsigned long long>(micros));
+  }
+}
+
+int AdminHost::run() {
+  std::string stateDir = hostPath("/var/adminhostd");
+  if (int err = makeDirectories(stateDir); err != 0) {
+    HostLog("cannot make %s: %s", stateDir, std::strerror(err));
+    return 1;
+  }
+  // One daemon per root: two would tick the plugins twice and race on their context files.
+  std::string daemonLock = stateDir + "/adminhostd.lock";
+  UniqueFd lockFd(::open(daemonLock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+  if (!lockFd || ::flock(lockFd.get(), LOCK_EX | LOCK_NB) != 0) {
+    int err = errno;
+    HostLog("cannot lock %s: %s", daemonLock,
+            err == EWOULDBLOCK ? "another adminhostd serves this root" : std::strerror(err));
+    return 1;
+  }
+
+  std::string tokenPath = hostPath("/var/adminhostd/admin.token");
+  AdminToken token = loadOrCreateAdminToken(tokenPath);
+  if (token.status != 0) {
+    HostLog("no usable token in %s: %s", tokenPath,
+            token.status == EINVAL ? "malformed (want at least 32 printable characters)" : std::strerror(token.status));
+    return 1;
+  }
+  if (token.created) HostLog("made a new admin token in %s", tokenPath);
+
+  std::string pluginsDir = pluginsDirectory();
+  plugins_ = loadPluginsFromDirectory(pluginsDir);
+  if (plugins_.empty()) HostLog("no plugins in %s; every command will get 404", pluginsDir);
+  std::map<std::string, HostedPlugin*, std::less<>> byName;
+  for (const auto& p : plugins_) byName.emplace(p->name(), p.get());
+  CommandRouter router(token.token, std::move(byName));
+
+  bool tls = !options_.tlsCert.empty();
+  if (tls) {
+    server_ = std::make_unique<httplib::SSLServer>(options_.tlsCert.c_str(), options_.tlsKey.c_str());
+  } else {
+    server_ = std::make_unique<httplib::Server>();
+  }
+  if (!server_->is_valid()) {
+    HostLog("cannot use the TLS certificate %s with key %s", options_.tlsCert, options_.tlsKey);
+    return 1;
+  }
+  httplib::Server& server = *server_;
+  // Without TCP_NODELAY, Nagle holds each small answer back for the client's delayed ACK.
+  server.set_tcp_nodelay(true);
+  server.set_keep_alive_max_count(kKeepAliveMaxRequests);
+  server.set_keep_alive_timeout(kKeepAliveSeconds);
+  server.set_payload_max_length(options_.maxBodyBytes);
+  size_t threads = options_.threads;
+  server.new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
+  server.set_exception_handler([](const httplib::Request&, httplib::Response& res, std::exception_ptr) {
+    res.status = 500;
+    res.body.clear();
+  });
+  size_t maxBody = options_.maxBodyBytes;
+  server.Post(R"(/commands/([^/]+))", [&router, maxBody](const httplib::Request& req, httplib::Response& res,
+                                                         const httplib::ContentReader& reader) {
+    std::uint64_t started = clock().monotonicMicros();
+    // The body is always read to its end, also when it is refused, so the next request on a
+    // keep-alive connection starts where it should; past the limit it is dropped as it comes.
+    std::string body;
+    bool tooLarge = false;
+    bool complete = reader([&](const char* data, size_t length) {
+      if (!tooLarge && length <= maxBody - body.size()) {
+        body.append(data, length);
+      } else if (!tooLarge) {
+        tooLarge = true;
+        std::string().swap(body);
+      }
+      return true;
+    });
+    // The library skips a body whose Content-Length is over the limit itself and says 413.
+    if (!complete && res.status == 413) tooLarge = true;
+    CommandAnswer answer;
+    if (!complete && !tooLarge) {
+      answer.status = 400;
+    } else {
+      answer = router.handle(req.matches[1].str(), req.get_header_value("Authorization"), body, tooLarge);
+    }
+    res.status = answer.status;
+    if (answer.status == 200) res.set_content(std::move(answer.body), kPlistType);
+    HostTrace("%s %s %s %d %lluus", req.method, req.path, answer.command, answer.status,
+              static_cast<unsigned long long>(clock().monotonicMicros() - started));
+  });
+
+  int port = options_.listenPort;
+  if (port == 0) {
+    port = server.bind_to_any_port(options_.listenHost);
+  } else if (!server.bind_to_port(options_.listenHost, port)) {
+    port = -1;
+  }
+  if (port <= 0) {
+    HostLog("cannot listen on %s:%d", options_.listenHost, options_.listenPort);
+    return 1;
+  }
+  std::string url = std::string(tls ? "https://" : "http://") + urlHost(options_.listenHost) + ":" + std::to_string(port);
+  HostLog("listening on %s with %zu plugin(s) from %s", url, plugins_.size(), pluginsDir);
+  std::printf("adminhostd: listening on %s\n", url.c_str());
+  std::fflush(stdout);
+
+  std::unique_ptr<IdleTicker> ticker;
+  if (options_.idleIntervalMicros > 0 && !plugins_.empty()) {
+    ticker = std::make_unique<IdleTicker>(options_.idleIntervalMicros, [this](std::uint64_t c) { tick(c); });
+  }
+  bool serve = false;
+  {
+    std::scoped_lock lock(stateMutex_);
+    if (ticker) stopTicker_ = [t = ticker.get()] { t->requestStop(); };
+    serve = !stopRequested_;
+    listening_ = serve;
+  }
+  bool served = true;
+  if (serve) {
+    if (ticker) ticker->start();
+    served = server.listen_after_bind();
+  }
+  {
+    std::scoped_lock lock(stateMutex_);
+    listenDone_ = true;
+    stopTicker_ = nullptr;
+  }
+  stateChanged_.notify_all();
+  if (ticker) ticker->stop();
+
+  int failed = 0;
+  for (const auto& plugin : plugins_)
+    if (plugin->saveContext() != 0) ++failed;
+  if (!served) HostLog("the listening socket failed");
+  HostLog("stopped%s", failed ? "; some contexts could not be saved" : "");
+  return failed || !served ? 1 : 0;
+}
+
+void AdminHost::requestStop() {
+  std::unique_lock lock(stateMutex_);
+  if (stopRequested_) return;
+  stopRequested_ = true;
+  if (stopTicker_) stopTicker_();
+  if (!listening_) return;  // run() will see the flag before it serves
+  // The server's stop() only takes once listen_after_bind has marked it running, which run()
+  // does just after deciding to serve: wait for that moment, or for the end of serving.
+  while (!listenDone_) {
+    if (server_->is_running()) {
+      server_->stop();
+      return;
+    }
+    stateChanged_.wait_for(lock, std::chrono::milliseconds(5));
+  }
+}
+
+}  // namespace velm

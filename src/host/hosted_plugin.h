@@ -1,0 +1,67 @@
+// One loaded plugin with its context and lock descriptor, and the loader that finds plugins.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "adminhost/plugin_request_handler.h"
+#include "platform/unique_fd.h"
+#include "plist/plist.h"
+
+namespace velm {
+
+struct PluginCall {
+  enum class Outcome { Answered, NoResponse, Failed };
+  Outcome outcome = Outcome::NoResponse;
+  std::optional<PropertyList> response;  // set when Answered
+};
+
+class HostedPlugin {
+ public:
+  // handler is never destroyed: see residentPlugins() in the .cc. lockFd is the descriptor value
+  // handed to the plugin with every request; context is what was loaded for it.
+  HostedPlugin(std::string name, PluginRequestHandler* handler, UniqueFd lockFd, PropertyList context);
+  HostedPlugin(const HostedPlugin&) = delete;
+  HostedPlugin& operator=(const HostedPlugin&) = delete;
+
+  const std::string& name() const { return name_; }
+
+  // Runs one request (or idle tick) through the plugin; then, when the plugin set contextDirty
+  // (or an earlier save failed), writes the context out before returning. Callable from any
+  // thread; calls of one plugin run one at a time. An exception from the plugin is logged and
+  // gives Failed.
+  PluginCall call(const PropertyList& request);
+
+  // Writes the context out now (shutdown). Returns 0 or an errno value.
+  int saveContext();
+
+  // A copy of the context as it stands (tests).
+  PropertyList contextForTest();
+
+ private:
+  int saveLocked();
+
+  const std::string name_;
+  PluginRequestHandler* const handler_;
+  const UniqueFd lockFd_;
+  // Guards context_, lockFdValue_ and savePending_, and is held across each plugin call and the
+  // save after it. First in the daemon's lock order; the plugin's own locks nest inside it.
+  std::mutex mutex_;
+  PropertyList context_;
+  std::int32_t lockFdValue_;
+  bool savePending_ = false;
+};
+
+// Loads every adminhost_<name>.so in dir (sorted by name): dlopen, adminhost_plugin_create, a
+// lock file var/adminhostd/<name>.lock and the saved context. A plugin that fails is logged and
+// skipped.
+std::vector<std::unique_ptr<HostedPlugin>> loadPluginsFromDirectory(const std::string& dir);
+
+// The plugin name of a file name: adminhost_<name>.so gives <name>; anything else nothing.
+std::optional<std::string> pluginNameForFile(const std::string& fileName);
+
+}  // namespace velm
