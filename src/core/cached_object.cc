@@ -3,6 +3,7 @@
 #include <cctype>
 
 #include "platform/log.h"
+#include "platform/string_additions.h"
 
 namespace velm {
 
@@ -41,7 +42,7 @@ void CachedObject::setObjectValue(PropertyList value, std::optional<std::string_
 }
 
 void CachedObject::reloadObjectValueForKey(std::string_view key) {
-  if (key.size() < 2) {
+  if (characterCount(key) < 2) {
     NError("%s: Invalid key: %@", __func__, key);
     return;
   }

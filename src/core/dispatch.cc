@@ -6,6 +6,7 @@
 #include "core/velm_plugin.h"
 #include "platform/clock.h"
 #include "platform/log.h"
+#include "platform/string_additions.h"
 
 namespace velm {
 namespace {
@@ -23,7 +24,8 @@ constexpr std::string_view kCommands[] = {
     "configureNetworkInterface", "getNotes", "setNotes", "getAllNotes", "renameNotes", "sendFailover",
     "readProgress", "runDotClean"};
 
-// Handler names as the run-time lookup knows them. testPerformance has a handler but no table row.
+// Handler names as the run-time lookup knows them.
+// Deliberate: testPerformance has a handler but no table row, so the dispatcher refuses it.
 const std::map<std::string_view, VelmPlugin::Handler>& handlers() {
   static const std::map<std::string_view, VelmPlugin::Handler> table = {
       {"getStateWithRequest:", &VelmPlugin::getStateWithRequest},
@@ -42,7 +44,8 @@ VelmPlugin::VelmPlugin() {
   setThisComputerProvider([] {
     SANComputer& computer = SANComputer::thisComputer();
     ThisComputerAddresses mine;
-    if (const std::string* id = computer.uuid().asString()) mine.uuid = *id;
+    PropertyList uuid = computer.uuid();
+    if (const std::string* id = uuid.asString()) mine.uuid = *id;
     PropertyList interfaces = computer.networkInterfaces();
     if (const PlistArray* list = interfaces.asArray()) {
       for (const PropertyList& entry : *list) {
@@ -80,7 +83,7 @@ std::optional<PropertyList> VelmPlugin::doProcessInputWithRequest(const Property
   std::uint64_t t0 = perf_timestamp();
   const std::string* command = request.getString("command");
   if (!command) return refuse("Command is not a string");
-  if (command->size() < 2) return refuse("Command is too short");
+  if (characterCount(*command) < 2) return refuse("Command is too short");
   bool known = false;
   for (std::string_view c : kCommands) known = known || c == *command;
   if (!known) return refuse("Command to dispatch is unknown");

@@ -76,6 +76,10 @@ std::optional<PropertyList> VelmPlugin::testPerformanceWithRequest(const Propert
 }
 
 std::optional<PropertyList> VelmPlugin::buildClientHealth() {
+  // The health record always asks for the role, and that read is what raises the computer's
+  // dirty flag again after a clearCache; without it the next properties() answers the emptied
+  // cache. Keep the read while the record itself is still missing.
+  SANComputer::thisComputer().isController();
   // Client health arrives with history sampling; until then there is none, and the response's
   // key list stops before it.
   return std::nullopt;
@@ -85,6 +89,7 @@ std::optional<PropertyList> VelmPlugin::getComputerPropertiesWithRequest(const P
   SANComputer& computer = SANComputer::thisComputer();
   const PropertyList* clear = request.get("clearCache");
   if (clear && clear->boolValue()) {
+    // Deliberate: a clearing request answers nothing at all, includeLUNs notwithstanding.
     computer.clearCache();
     return std::nullopt;
   }

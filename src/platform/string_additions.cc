@@ -79,6 +79,12 @@ int numericCompare(std::string_view a, std::string_view b) {
   return 0;
 }
 
+std::size_t characterCount(std::string_view utf8) {
+  std::size_t n = 0;
+  for (unsigned char c : utf8) n += (c & 0xc0) != 0x80;
+  return n;
+}
+
 std::vector<std::string> splitLinesDroppingLastEmpty(std::string_view text) {
   std::vector<std::string> out;
   size_t start = 0;

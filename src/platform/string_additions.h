@@ -1,6 +1,7 @@
 // String helpers used throughout the plugin.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -21,6 +22,8 @@ bool ipAddressIsSelfAssigned(std::string_view ipAddress);
 bool containsString(std::string_view haystack, std::string_view needle);
 // Compares dotted version strings part by part as numbers: -1, 0 or 1.
 int numericCompare(std::string_view a, std::string_view b);
+// How many characters (code points) UTF-8 text holds: every byte that doesn't continue a sequence.
+std::size_t characterCount(std::string_view utf8);
 // Splits file text on '\n', dropping one empty last piece.
 std::vector<std::string> splitLinesDroppingLastEmpty(std::string_view text);
 

@@ -37,7 +37,8 @@ const char kUsage[] =
     "KEY=VALUE: true/false give booleans, an optional '-' and digits an integer, anything else a\n"
     "string. --local (the default) runs the command in this process with the plugin context kept in\n"
     "$VELM_ROOT/var/adminhostd/context/velm.plist; --server sends it to adminhostd (token from\n"
-    "--token-file, default $VELM_ROOT/var/adminhostd/admin.token).\n"
+    "--token-file, default $VELM_ROOT/var/adminhostd/admin.token; for https, VELM_CA_CERT names a\n"
+    "certificate or CA file to trust).\n"
     "Exit status: 0 answered, 1 usage or transport error, 2 no response (malformed command).\n";
 
 int usageError(const std::string& message) {

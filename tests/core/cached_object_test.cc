@@ -27,6 +27,15 @@ class Counting : public CachedObject {
   PlistArray readValidKeys() override { return {"alpha", "beta", "nothing"}; }
 };
 
+class Hooked : public Counting {
+ public:
+  Hooked() {
+    registerNotificationHook("setupNotificationsForAlpha", [this] { ++hooks["Alpha"]; });
+    registerNotificationHook("setupNotificationsForGamma", [this] { ++hooks["Gamma"]; });
+  }
+  std::map<std::string, int> hooks;
+};
+
 class CachedObjectTest : public test::SandboxTest {
  protected:
   test::LogCapture log_;
@@ -89,6 +98,17 @@ TEST_F(CachedObjectTest, SetWithoutKeyChangesNothing) {
   object_.setObjectValue("x", "alpha");
   EXPECT_TRUE(object_.dirtyForTest());
   EXPECT_EQ(*object_.objectValueForKey("alpha").asString(), "x");
+}
+
+TEST_F(CachedObjectTest, NotificationHookRunsAfterEveryReloadEvenWithoutAReader) {
+  Hooked object;
+  object.objectValueForKey("alpha");
+  object.objectValueForKey("alpha");  // cached: no reload, no hook
+  object.invalidateObjectValueForKey("alpha");
+  object.objectValueForKey("alpha");
+  EXPECT_EQ(object.hooks["Alpha"], 2);
+  object.objectValueForKey("gamma");
+  EXPECT_EQ(object.hooks["Gamma"], 1);
 }
 
 }  // namespace

@@ -50,6 +50,7 @@ TEST_F(DispatchTest, MalformedCommandsAreRefusedWithoutResponseOrLockFdChange) {
       {PropertyList::dict(), "Command is not a string"},
       {command(PropertyList(7)), "Command is not a string"},
       {command("x"), "Command is too short"},
+      {command("\xc3\xa9"), "Command is too short"},  // one character, two bytes
       {command("xx"), "Command to dispatch is unknown"},
       {command("GETSTATE"), "Command to dispatch is unknown"},
       {command("testPerformance"), "Command to dispatch is unknown"},

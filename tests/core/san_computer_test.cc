@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "config/config_parser.h"
 #include "core/velm_plugin.h"
 #include "platform/host_config.h"
 #include "platform/paths.h"
@@ -259,6 +260,62 @@ TEST_F(SANComputerTest, GetComputerPropertiesClearsOrAnswersProperties) {
   EXPECT_EQ(*props->getString("role"), "UNCONFIGURED");
   EXPECT_FALSE(r->get("visibleLUNs"));
   EXPECT_FALSE(r->get("clientHealth"));
+}
+
+TEST_F(SANComputerTest, GetComputerPropertiesAfterAClearingRequestAnswersAFreshPicture) {
+  VelmPlugin plugin;
+  PropertyList ctx = PropertyList::dict();
+  std::int32_t fd = -1;
+  PropertyList ask = dict({{"command", "getComputerProperties"}});
+  ASSERT_TRUE(plugin.doProcessInputWithRequest(ask, &ctx, &fd));
+  writePlist(kConfig + "config.plist", dict({{"role", "CLIENT"}}));
+  ASSERT_TRUE(plugin.doProcessInputWithRequest(dict({{"command", "getComputerProperties"}, {"clearCache", true}}),
+                                               &ctx, &fd));
+  auto r = plugin.doProcessInputWithRequest(ask, &ctx, &fd);
+  ASSERT_TRUE(r);
+  const PropertyList* props = r->get("properties");
+  ASSERT_TRUE(props);
+  EXPECT_TRUE(props->get("uuid"));
+  ASSERT_TRUE(props->getString("role"));
+  EXPECT_EQ(*props->getString("role"), "CLIENT");
+}
+
+TEST_F(SANComputerTest, VolumeConfigurationSeesThisComputerThroughThePlugin) {
+  VelmPlugin plugin;
+  std::string id = *computer().uuid().asString();
+  PropertyList config = dict({{"metadataNetwork", "127.0.0.0/8"}, {"computers", PropertyList::array()}});
+  writePlist(kConfig + "config.plist", config);
+  std::optional<PropertyList> byUuid = SANConfigParser::sanIPsByUuid();
+  ASSERT_TRUE(byUuid);
+  ASSERT_TRUE(byUuid->getString(id));
+  EXPECT_EQ(*byUuid->getString(id), "127.0.0.2");
+}
+
+TEST_F(SANComputerTest, EveryValidKeyHasAReader) {
+  computer().properties();
+  EXPECT_FALSE(log_.contains("Invalid command"));
+  EXPECT_FALSE(log_.contains("Invalid key"));
+}
+
+TEST_F(SANComputerTest, VelmVersionFallsBackToTheDriverFileAndFailsTheRequestWhenBothAreBad) {
+  sandbox_.write("/Library/Filesystems/Velm/version.plist", "not a plist");
+  writePlist("/Library/Filesystems/Velm/driver-version.plist",
+             dict({{"ProductVersion", "5.1"}, {"ProductBuildVersion", "D7"}}));
+  PropertyList v = computer().velmVersion();
+  EXPECT_EQ(*v.getString("ProductVersion"), "5.1");
+  EXPECT_EQ(*v.getString("ProductBuildVersion"), "D7");
+  EXPECT_EQ(*v.getString("ProductName"), "Velm");
+
+  SANComputer::resetForTest();
+  sandbox_.write("/Library/Filesystems/Velm/driver-version.plist", "<plist><array/></plist>");
+  VelmPlugin plugin;
+  PropertyList ctx = PropertyList::dict();
+  std::int32_t fd = -1;
+  PropertyList ask = dict({{"command", "getComputerProperties"}});
+  EXPECT_FALSE(plugin.doProcessInputWithRequest(ask, &ctx, &fd).has_value());
+  EXPECT_TRUE(log_.contains("raised an exception"));
+  // The failure doesn't keep the plugin lock.
+  EXPECT_TRUE(plugin.doProcessInputWithRequest(dict({{"command", "getState"}}), &ctx, &fd).has_value());
 }
 
 }  // namespace

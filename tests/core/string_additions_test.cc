@@ -40,6 +40,9 @@ TEST(StringAdditions, TextHelpers) {
   EXPECT_LT(numericCompare("10.5.8", "10.6"), 0);
   EXPECT_GT(numericCompare("10.10", "10.6"), 0);
   EXPECT_EQ(numericCompare("10.6", "10.6.0"), 0);
+  EXPECT_EQ(characterCount("ab"), 2u);
+  EXPECT_EQ(characterCount("\xc3\xa9"), 1u);
+  EXPECT_EQ(characterCount("\xe2\x82\xac\xf0\x9f\x98\x80"), 2u);
 }
 
 }  // namespace

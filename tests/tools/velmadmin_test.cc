@@ -63,6 +63,26 @@ TEST_F(VelmadminTest, KeyValueArgumentsAreTyped) {
   r = velmadmin({"getComputerProperties", "clearCache=yes"});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(parse(r.out).get("properties"));
+  // Digits give a number, and a non-zero number counts as true.
+  r = velmadmin({"getComputerProperties", "clearCache=1"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(parse(r.out).size(), 2u);
+}
+
+TEST_F(VelmadminTest, RequestFromAFile) {
+  PropertyList request = PropertyList::dict();
+  request.set("command", "getState");
+  std::string path = sandbox_.write("/request.plist", writeXmlPlist(request));
+  test::ProgramResult r = velmadmin({"--local", "--request", path});
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_EQ(*parse(r.out).getString("state"), "RUNNING");
+  // A well-formed file whose command the plugin refuses: no response.
+  request.set("command", "tailFile");
+  sandbox_.write("/request.plist", writeXmlPlist(request));
+  r = velmadmin({"--request", path});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.out, "");
+  EXPECT_NE(r.err.find("ERROR: Does not respond to tailFileWithRequest:"), std::string::npos);
 }
 
 }  // namespace
