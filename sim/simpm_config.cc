@@ -92,7 +92,7 @@ bool loadSimPmConfig(const std::string& path, SimPmConfig* config, std::string* 
       config->unknownTypes.insert(static_cast<int>(*n));
     }
   }
-  return true;
+  return loadSimPmPortMapperKeys(top, config, error) && loadSimFsmKeys(top, config, error);
 }
 
 }  // namespace velm::sim

@@ -4,9 +4,16 @@
 #include <netinet/in.h>
 
 #include <cstdint>
+#include <memory>
 #include <set>
 #include <string>
 #include <vector>
+
+#include "sim/simpm_fsm_state.h"
+
+namespace velm {
+class PropertyList;
+}
 
 namespace velm::sim {
 
@@ -18,16 +25,60 @@ struct SimFsm {
   int pid = 0;
   std::string address;  // empty: the listen address
   std::uint32_t capabilities = 1;
+  // Its admin side (simpm_fsm_*.cc); copies of this entry share it.
+  std::shared_ptr<SimFsmState> fsmState = std::make_shared<SimFsmState>();
+  int serviceType = 1;   // service list type; 1 is an FSM
+  bool running = true;   // false: stopped, not listed
+};
+
+// A disk the port mapper sees.
+struct SimDisk {
+  std::string label, serial, device, inquiry;
+  std::uint64_t size = 0;
+  std::uint32_t sectorSize = 512;
+  int lunId = 0;
+  std::uint32_t pathState = 0;
+};
+
+// A client the name service knows by address.
+struct SimClient {
+  std::string address, name;
+};
+
+// A proxy connection.
+struct SimProxy {
+  std::string name, address1, address2;
+  int port = 0;
+  std::uint64_t counter1 = 0, counter2 = 0;
+};
+
+// A cluster control value.
+struct SimCctl {
+  std::string name;
+  std::uint64_t value = 0;
 };
 
 struct SimPmConfig {
   std::vector<SimFsm> fsms;
   std::set<int> unknownTypes;  // request types answered as an older peer (255, error 1)
   int pmPort = 0;              // port-mapper service port; 0: any free port
+  // Port-mapper side (name service, disks, clients, peers).
+  std::vector<SimDisk> disks;
+  std::uint32_t diskGeneration = 1;  // a refresh makes a new one
+  std::vector<SimClient> clients;
+  std::vector<SimProxy> proxies;
+  bool proxyListChangesOnce = false;  // the first walk past index 0 is told the list changed
+  std::vector<SimCctl> cctls;
+  std::uint32_t cctlGeneration = 1;
+  std::vector<std::string> peers;  // other port mappers of the SAN: "addr" or "addr:port"
 };
 
 // Reads an XML plist dictionary. Returns false with a reason for a malformed file or key.
 bool loadSimPmConfig(const std::string& path, SimPmConfig* config, std::string* error);
+
+// The port-mapper side's keys (disks, clients, proxies, cctls, peers, per-FSM serviceType and
+// running), read by loadSimPmConfig. False with a reason.
+bool loadSimPmPortMapperKeys(const PropertyList& top, SimPmConfig* config, std::string* error);
 
 // Parses an IPv4 (held mapped) or IPv6 text.
 bool parseAddress(const std::string& text, struct in6_addr* addr);

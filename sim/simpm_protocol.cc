@@ -80,10 +80,11 @@ struct in6_addr SimPmProtocol::fsmAddress(const SimFsm& fsm) const {
 std::size_t SimPmProtocol::getSocket(std::uint8_t* msg, std::uint16_t type) {
   char name[kPmNameLen];
   PmGetName(msg, name, sizeof name);
+  std::scoped_lock lock(pmMutex_);
   const SimFsm* found = nullptr;
   bool known = false;
   for (const SimFsm& f : config_.fsms) {
-    if (f.name != name) continue;
+    if (f.name != name || !f.running) continue;
     known = true;
     if (f.active) {
       found = &f;
@@ -127,8 +128,7 @@ std::size_t SimPmProtocol::framedRequest(PmConnection& conn, std::uint8_t* msg, 
     case kPmGetSocketNoWaitOld:
       return getSocket(msg, type);
     default:
-      simLog("%s: request 0x%04x not known here", conn.peer.c_str(), type);
-      return unknownReply(msg, kPmMsgLen);
+      return pmRequest(conn, msg, cap, type);
   }
 }
 
@@ -147,7 +147,9 @@ bool SimPmProtocol::unframedRequest(PmConnection& conn, std::uint8_t* msg) {
     simLog("%s: authentication %s", conn.peer.c_str(), conn.authenticated ? "accepted" : "refused");
     return conn.authenticated;
   }
-  // Unframed requests besides authentication come later; answer as an older peer would.
+  bool keep = true;
+  if (pmUnframed(conn, msg, &keep)) return keep;
+  // Anything else: answer as an older peer would.
   simLog("%s: unframed request 0x%04x not known here", conn.peer.c_str(), type);
   msg[kFhStatus] = kStatusUnknownRequest;
   std::uint16_t one = 1;
@@ -160,14 +162,13 @@ std::size_t SimPmProtocol::fsmRequest(const SimFsm& fsm, std::uint8_t* msg, std:
   if (len >= kFsmOpenAdminLen && cap >= kFsmOpenAdminLen && msg[kFhClass] == kFsmAdminClass &&
       msg[kFhType] == kFsmOpenAdmin) {
     std::memset(msg + kFrameHeaderLen, 0, kFsmOpenAdminLen - kFrameHeaderLen);
-    put_be32(msg + kFrameHeaderLen, fsm.capabilities);
+    put_be32(msg + kFrameHeaderLen, simFsmCapabilities(fsm));
     frameReply(msg, kFsmOpenAdminLen, 0, 0);
     simLog("fsm '%s': admin connection opened", fsm.name.c_str());
     return kFsmOpenAdminLen;
   }
-  simLog("fsm '%s': request class %u type %u not known here", fsm.name.c_str(), msg[kFhClass],
-         msg[kFhType]);
-  return unknownReply(msg, len < kFrameHeaderLen ? kFrameHeaderLen : len);
+  // Everything else an FSM answers lives in simpm_fsm_requests.cc.
+  return simFsmRequest(fsm, msg, len, cap);
 }
 
 }  // namespace velm::sim

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 #include <string>
 
 #include "sim/simpm_config.h"
@@ -53,12 +54,24 @@ class SimPmProtocol {
   struct in6_addr fsmAddress(const SimFsm& fsm) const;
 
  private:
+  friend struct PmSide;
+  // Port-mapper requests besides the FSM socket (simpm_pm_*.cc): name service, start and stop,
+  // disks, clients, cluster controls, RAS events. Fills the reply; its length.
+  std::size_t pmRequest(PmConnection& conn, std::uint8_t* msg, std::size_t cap,
+                        std::uint16_t type);
+  // Unframed activation (simpm_pm_*.cc); false when msg is not one.
+  bool pmUnframed(PmConnection& conn, std::uint8_t* msg, bool* keep);
+
   std::size_t unknownReply(std::uint8_t* msg, std::size_t len);
   std::size_t getSocket(std::uint8_t* msg, std::uint16_t type);
 
   SimPmConfig config_;
   struct in6_addr listen_;
   int servicePort_;
+  // Guards the FSM table's running and active flags and the port-mapper side's counters; leaf,
+  // never held while talking to a peer.
+  std::mutex pmMutex_;
+  bool proxyChangeTold_ = false;
 };
 
 }  // namespace velm::sim

@@ -108,12 +108,13 @@ bool SimPortMapper::start(const SimPmOptions& options, std::string* error) {
     return false;
   protocol_ = std::make_unique<SimPmProtocol>(std::move(config), listenAddr, servicePort_);
 
-  // The FSMs of this machine that are active answer on their own ports.
+  // Every FSM of this machine answers on its own port, standby and stopped ones too: a fail-over
+  // or a start may make any of them active later.
   SimPmConfig& cfg = protocol_->config();
   for (std::size_t i = 0; i < cfg.fsms.size(); ++i) {
     SimFsm& fsm = cfg.fsms[i];
     struct in6_addr a = protocol_->fsmAddress(fsm);
-    if (!fsm.active || IN6_CMP(&a, &listenAddr) != 0) continue;
+    if (IN6_CMP(&a, &listenAddr) != 0) continue;
     if (!listenOn(a, fsm.port, Listener::Fsm, i, &fsm.port, error)) return false;
   }
 

@@ -1,0 +1,306 @@
+// The admin facade over loopback against velm-simpm: one QMAdmin_NSListFsm walk of 100 FSMs and
+// one QMAdmin_FSMStat, beside the floor measured in the same run, a plain 1024-byte echo over a
+// loopback TCP socket. Prints each figure per request and its ratio to the floor (target: 3x).
+#include <arpa/inet.h>
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <thread>
+
+#include "adminlib/adminlib.h"
+#include "adminlib/qmadminlib.h"
+#include "platform/clock.h"
+#include "platform/files.h"
+#include "platform/paths.h"
+
+extern char** environ;
+
+namespace {
+
+constexpr int kFsms = 100;
+constexpr std::size_t kEchoLen = 1024;
+
+std::string gRoot;
+pid_t gSim = -1;
+int gNs = -1;   // name-service handle
+int gFsm = -1;  // FSM handle
+int gEchoPort = 0;
+std::map<std::string, double> gNsPerIteration;  // benchmark name -> mean real time, ns
+
+std::string binDir() {
+  std::error_code ec;
+  auto exe = std::filesystem::read_symlink(velm::procfsPath("self/exe"), ec);
+  return ec ? std::string(".") : exe.parent_path().string();
+}
+
+int freePort() {
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in sin{};
+  sin.sin_family = AF_INET;
+  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof sin;
+  int port = 0;
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&sin), sizeof sin) == 0 &&
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&sin), &len) == 0)
+    port = ntohs(sin.sin_port);
+  ::close(fd);
+  return port;
+}
+
+bool writeFile(const std::string& path, const std::string& text) {
+  std::error_code ec;
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
+  return velm::writeFileAtomically(path, text, 0644) == 0;
+}
+
+// A sandbox root with the client's fsports, and a sim root beside it with 100 FSMs.
+bool prepareRoot() {
+  char tmpl[] = "velm-wire-bench-XXXXXX";
+  std::string base = (std::filesystem::temp_directory_path() / tmpl).string();
+  if (!::mkdtemp(base.data())) return false;
+  gRoot = base;
+  std::string fsports = "altpmap " + std::to_string(freePort()) + "\n";
+  std::string config =
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
+      "<key>fsms</key><array>\n";
+  for (int i = 0; i < kFsms; ++i)
+    config += "<dict><key>name</key><string>vol" + std::to_string(i) +
+              "</string><key>priority</key><integer>" + std::to_string(i % 2) +
+              "</integer><key>pid</key><integer>" + std::to_string(1000 + i) + "</integer></dict>\n";
+  config += "</array>\n</dict>\n</plist>\n";
+  ::setenv("VELM_ROOT", (gRoot + "/client").c_str(), 1);
+  ::unsetenv("DRFSROOT");
+  return writeFile(gRoot + "/client/Library/Filesystems/Velm/config/fsports", fsports) &&
+         writeFile(gRoot + "/sim/Library/Filesystems/Velm/config/fsports", fsports) &&
+         writeFile(gRoot + "/sim/simpm.plist", config);
+}
+
+bool startSim() {
+  std::string path = binDir() + "/velm-simpm";
+  std::string log = gRoot + "/simpm.log";
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  // Its per-request log goes to a file: nobody drains a pipe during the run.
+  posix_spawn_file_actions_addopen(&actions, 2, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  std::string root = gRoot + "/sim";
+  const char* argv[] = {path.c_str(), "--root", root.c_str(), "--listen", "127.0.0.1", nullptr};
+  int rc = ::posix_spawn(&gSim, path.c_str(), &actions, nullptr, const_cast<char**>(argv), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (rc != 0) {
+    std::fprintf(stderr, "wire_bench: cannot start %s: %s\n", path.c_str(), std::strerror(rc));
+    gSim = -1;
+    return false;
+  }
+  char err[ADMIN_ERRBUF_LEN] = {};
+  for (int tries = 0; tries < 200; ++tries) {
+    int status = 0;
+    if (::waitpid(gSim, &status, WNOHANG) == gSim) {
+      std::fprintf(stderr, "wire_bench: velm-simpm ended (see %s)\n", log.c_str());
+      gSim = -1;
+      return false;
+    }
+    gNs = QMAdmin_NSConnect("127.0.0.1", err);
+    if (gNs >= 0) return true;
+    AltGetportResetForTest();
+    velm::clock().sleepMicros(50000);
+  }
+  std::fprintf(stderr, "wire_bench: no port mapper: %s\n", err);
+  return false;
+}
+
+void stopSim() {
+  QMAdmin_Teardown();
+  if (gSim > 0) {
+    ::kill(gSim, SIGTERM);
+    ::waitpid(gSim, nullptr, 0);
+  }
+  std::error_code ec;
+  if (!gRoot.empty()) std::filesystem::remove_all(gRoot, ec);
+}
+
+// ---- The floor: a 1024-byte echo over loopback TCP ----
+
+bool readFull(int fd, char* buf, std::size_t len) {
+  std::size_t got = 0;
+  while (got < len) {
+    ssize_t n = ::recv(fd, buf + got, len - got, 0);
+    if (n <= 0) return false;
+    got += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+bool writeFull(int fd, const char* buf, std::size_t len) {
+  std::size_t off = 0;
+  while (off < len) {
+    ssize_t n = ::send(fd, buf + off, len - off, MSG_NOSIGNAL);
+    if (n <= 0) return false;
+    off += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+std::thread startEchoServer() {
+  int lfd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in sin{};
+  sin.sin_family = AF_INET;
+  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof sin;
+  ::bind(lfd, reinterpret_cast<sockaddr*>(&sin), sizeof sin);
+  ::listen(lfd, 1);
+  ::getsockname(lfd, reinterpret_cast<sockaddr*>(&sin), &len);
+  gEchoPort = ntohs(sin.sin_port);
+  return std::thread([lfd] {
+    int fd = ::accept4(lfd, nullptr, nullptr, SOCK_CLOEXEC);
+    ::close(lfd);
+    if (fd < 0) return;
+    char buf[kEchoLen];
+    while (readFull(fd, buf, sizeof buf) && writeFull(fd, buf, sizeof buf)) {
+    }
+    ::close(fd);
+  });
+}
+
+void BM_LoopbackEcho1024(benchmark::State& state) {
+  std::thread server = startEchoServer();
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in sin{};
+  sin.sin_family = AF_INET;
+  sin.sin_port = htons(static_cast<std::uint16_t>(gEchoPort));
+  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&sin), sizeof sin) != 0) {
+    state.SkipWithError("cannot connect to the echo server");
+    ::close(fd);
+    server.join();
+    return;
+  }
+  char buf[kEchoLen] = {};
+  for (auto _ : state) {
+    if (!writeFull(fd, buf, sizeof buf) || !readFull(fd, buf, sizeof buf)) {
+      state.SkipWithError("echo failed");
+      break;
+    }
+    benchmark::DoNotOptimize(buf);
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * 2 * kEchoLen);
+  ::close(fd);
+  server.join();
+}
+
+// ---- The facade ----
+
+void BM_NSListFsmWalk100(benchmark::State& state) {
+  char err[ADMIN_ERRBUF_LEN] = {};
+  QMAdminFsmRecord rec{};
+  for (auto _ : state) {
+    int n = 0;
+    for (int i = 0;; ++i) {
+      int s = QMAdmin_NSListFsm(gNs, i, &rec, err);
+      if (s == QMFS_EOF) break;
+      if (s != 0) {
+        state.SkipWithError(err);
+        return;
+      }
+      ++n;
+    }
+    if (n != kFsms) {
+      state.SkipWithError("the walk did not see 100 FSMs");
+      return;
+    }
+    benchmark::DoNotOptimize(rec);
+  }
+  // 100 entries and the end of the list: 101 exchanges per walk.
+  state.counters["requests"] = kFsms + 1;
+}
+
+void BM_FSMStat(benchmark::State& state) {
+  QMAdminFsStat st{};
+  for (auto _ : state) {
+    if (QMAdmin_FSMStat(gFsm, &st) != 0) {
+      state.SkipWithError("QMAdmin_FSMStat failed");
+      return;
+    }
+    benchmark::DoNotOptimize(st);
+  }
+}
+
+BENCHMARK(BM_LoopbackEcho1024)->MinTime(1.0);
+BENCHMARK(BM_NSListFsmWalk100)->MinTime(1.0);
+BENCHMARK(BM_FSMStat)->MinTime(1.0);
+
+// "BM_FSMStat/min_time:1.000" -> "BM_FSMStat"
+std::string baseName(const std::string& name) { return name.substr(0, name.find('/')); }
+
+// Keeps the mean time of each benchmark for the summary.
+class CapturingReporter : public benchmark::ConsoleReporter {
+ public:
+  CapturingReporter() : ConsoleReporter(OO_Tabular) {}
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& r : runs)
+      if (!r.error_occurred && r.run_type == Run::RT_Iteration)
+        gNsPerIteration[baseName(r.benchmark_name())] = r.GetAdjustedRealTime();  // ns
+    ConsoleReporter::ReportRuns(runs);
+  }
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (!prepareRoot()) {
+    std::fprintf(stderr, "wire_bench: cannot prepare a sandbox root\n");
+    return 1;
+  }
+  QMAdmin_Init();
+  AltGetportResetForTest();
+  if (!startSim()) {
+    stopSim();
+    return 1;
+  }
+  char err[ADMIN_ERRBUF_LEN] = {};
+  QMAdminFsmRecord rec{};
+  if (QMAdmin_NSFsmLocate(gNs, "vol0", -1, &rec) != 0 ||
+      (gFsm = QMAdmin_FSMConnect(gNs, &rec, err)) < 0) {
+    std::fprintf(stderr, "wire_bench: no FSM connection: %s\n", err);
+    stopSim();
+    return 1;
+  }
+
+  CapturingReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+
+  auto it = gNsPerIteration.find("BM_LoopbackEcho1024");
+  if (it != gNsPerIteration.end() && it->second > 0) {
+    double floorUs = it->second / 1000.0;
+    std::printf("\nper request (microseconds)          ours     floor   ratio  (target <= 3.00)\n");
+    if (auto w = gNsPerIteration.find("BM_NSListFsmWalk100"); w != gNsPerIteration.end()) {
+      double us = w->second / 1000.0 / (kFsms + 1);
+      std::printf("QMAdmin_NSListFsm (walk of %d)  %8.2f  %8.2f  %6.2f\n", kFsms, us, floorUs,
+                  us / floorUs);
+      std::printf("  whole walk: %.1f us\n", w->second / 1000.0);
+    }
+    if (auto s = gNsPerIteration.find("BM_FSMStat"); s != gNsPerIteration.end()) {
+      double us = s->second / 1000.0;
+      std::printf("QMAdmin_FSMStat                 %8.2f  %8.2f  %6.2f\n", us, floorUs,
+                  us / floorUs);
+    }
+  }
+  QMAdmin_FSMDisconnect(gFsm);
+  QMAdmin_NSDisconnect(gNs);
+  stopSim();
+  benchmark::Shutdown();
+  return 0;
+}
