@@ -25,6 +25,7 @@
 #include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/paths.h"
+#include "platform/socket_io.h"
 
 extern char** environ;
 
@@ -133,26 +134,6 @@ void stopSim() {
 
 // ---- The floor: a 1024-byte echo over loopback TCP ----
 
-bool readFull(int fd, char* buf, std::size_t len) {
-  std::size_t got = 0;
-  while (got < len) {
-    ssize_t n = ::recv(fd, buf + got, len - got, 0);
-    if (n <= 0) return false;
-    got += static_cast<std::size_t>(n);
-  }
-  return true;
-}
-
-bool writeFull(int fd, const char* buf, std::size_t len) {
-  std::size_t off = 0;
-  while (off < len) {
-    ssize_t n = ::send(fd, buf + off, len - off, MSG_NOSIGNAL);
-    if (n <= 0) return false;
-    off += static_cast<std::size_t>(n);
-  }
-  return true;
-}
-
 std::thread startEchoServer() {
   int lfd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in sin{};
@@ -168,7 +149,7 @@ std::thread startEchoServer() {
     ::close(lfd);
     if (fd < 0) return;
     char buf[kEchoLen];
-    while (readFull(fd, buf, sizeof buf) && writeFull(fd, buf, sizeof buf)) {
+    while (velm::recvAll(fd, buf, sizeof buf) == static_cast<ssize_t>(sizeof buf) && velm::sendAll(fd, buf, sizeof buf)) {
     }
     ::close(fd);
   });
@@ -189,7 +170,7 @@ void BM_LoopbackEcho1024(benchmark::State& state) {
   }
   char buf[kEchoLen] = {};
   for (auto _ : state) {
-    if (!writeFull(fd, buf, sizeof buf) || !readFull(fd, buf, sizeof buf)) {
+    if (!velm::sendAll(fd, buf, sizeof buf) || !velm::recvAll(fd, buf, sizeof buf) == static_cast<ssize_t>(sizeof buf)) {
       state.SkipWithError("echo failed");
       break;
     }

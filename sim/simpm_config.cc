@@ -6,9 +6,8 @@
 #include "plist/plist.h"
 
 namespace velm::sim {
-namespace {
-
-bool intValue(const PropertyList& dict, std::string_view key, int* out, std::string* error) {
+bool readConfigNumber(const PropertyList& dict, std::string_view key, std::int64_t* out,
+                      std::string* error) {
   const PropertyList* v = dict.get(key);
   if (!v) return true;
   auto n = v->int64Value();
@@ -16,11 +15,9 @@ bool intValue(const PropertyList& dict, std::string_view key, int* out, std::str
     *error = "'" + std::string(key) + "' is not a number";
     return false;
   }
-  *out = static_cast<int>(*n);
+  *out = *n;
   return true;
 }
-
-}  // namespace
 
 bool parseAddress(const std::string& text, struct in6_addr* addr) {
   std::uint8_t v4[4];
@@ -41,7 +38,7 @@ bool loadSimPmConfig(const std::string& path, SimPmConfig* config, std::string* 
   }
   const PropertyList& top = *read.value;
   *config = SimPmConfig{};
-  if (!intValue(top, "pmPort", &config->pmPort, error)) return false;
+  if (!readConfigNumber(top, "pmPort", &config->pmPort, error)) return false;
   if (const PropertyList* fsms = top.get("fsms")) {
     if (!fsms->isArray()) {
       *error = "'fsms' is not an array";
@@ -56,10 +53,10 @@ bool loadSimPmConfig(const std::string& path, SimPmConfig* config, std::string* 
       }
       fsm.name = *name;
       int caps = static_cast<int>(fsm.capabilities);
-      if (!intValue(entry, "port", &fsm.port, error) ||
-          !intValue(entry, "priority", &fsm.priority, error) ||
-          !intValue(entry, "pid", &fsm.pid, error) ||
-          !intValue(entry, "capabilities", &caps, error))
+      if (!readConfigNumber(entry, "port", &fsm.port, error) ||
+          !readConfigNumber(entry, "priority", &fsm.priority, error) ||
+          !readConfigNumber(entry, "pid", &fsm.pid, error) ||
+          !readConfigNumber(entry, "capabilities", &caps, error))
         return false;
       fsm.capabilities = static_cast<std::uint32_t>(caps);
       if (const PropertyList* active = entry.get("active")) fsm.active = active->boolValue();

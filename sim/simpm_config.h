@@ -7,6 +7,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "sim/simpm_fsm_state.h"
@@ -79,6 +80,18 @@ bool loadSimPmConfig(const std::string& path, SimPmConfig* config, std::string* 
 // The port-mapper side's keys (disks, clients, proxies, cctls, peers, per-FSM serviceType and
 // running), read by loadSimPmConfig. False with a reason.
 bool loadSimPmPortMapperKeys(const PropertyList& top, SimPmConfig* config, std::string* error);
+
+// Reads an optional integer key: *out is left alone when the key is absent; false with a reason
+// when it is there but not a number.
+bool readConfigNumber(const PropertyList& dict, std::string_view key, std::int64_t* out,
+                      std::string* error);
+template <typename T>
+bool readConfigNumber(const PropertyList& dict, std::string_view key, T* out, std::string* error) {
+  auto v = static_cast<std::int64_t>(*out);
+  if (!readConfigNumber(dict, key, &v, error)) return false;
+  *out = static_cast<T>(v);
+  return true;
+}
 
 // Parses an IPv4 (held mapped) or IPv6 text.
 bool parseAddress(const std::string& text, struct in6_addr* addr);

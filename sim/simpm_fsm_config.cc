@@ -21,12 +21,8 @@ class Reader {
 
   template <typename T>
   bool num(const PropertyList& dict, std::string_view key, T* out) {
-    const PropertyList* v = dict.get(key);
-    if (!v) return true;
-    auto n = v->int64Value();
-    if (!n) return fail("'" + std::string(key) + "' is not a number");
-    *out = static_cast<T>(*n);
-    return true;
+    std::string why;
+    return readConfigNumber(dict, key, out, &why) || fail(why);
   }
 
   bool boolean(const PropertyList& dict, std::string_view key, bool* out) {

@@ -7,27 +7,6 @@
 namespace velm::sim {
 namespace {
 
-bool number(const PropertyList& dict, std::string_view key, std::uint64_t* out,
-            std::string* error) {
-  const PropertyList* v = dict.get(key);
-  if (!v) return true;
-  auto n = v->int64Value();
-  if (!n) {
-    *error = "'" + std::string(key) + "' is not a number";
-    return false;
-  }
-  *out = static_cast<std::uint64_t>(*n);
-  return true;
-}
-
-template <typename T>
-bool numberAs(const PropertyList& dict, std::string_view key, T* out, std::string* error) {
-  std::uint64_t v = static_cast<std::uint64_t>(*out);
-  if (!number(dict, key, &v, error)) return false;
-  *out = static_cast<T>(v);
-  return true;
-}
-
 void text(const PropertyList& dict, std::string_view key, std::string* out) {
   if (const std::string* s = dict.getString(key)) *out = *s;
 }
@@ -68,7 +47,7 @@ bool loadSimPmPortMapperKeys(const PropertyList& top, SimPmConfig* config, std::
   bool ok = eachEntry(top, "fsms", error, [&](const PropertyList& e) {
     if (i >= config->fsms.size()) return true;
     SimFsm& fsm = config->fsms[i++];
-    if (!numberAs(e, "serviceType", &fsm.serviceType, error)) return false;
+    if (!readConfigNumber(e, "serviceType", &fsm.serviceType, error)) return false;
     if (const PropertyList* r = e.get("running")) fsm.running = r->boolValue();
     if (!fsm.running) fsm.active = false;
     return true;
@@ -79,10 +58,10 @@ bool loadSimPmPortMapperKeys(const PropertyList& top, SimPmConfig* config, std::
          text(e, "serial", &d.serial);
          text(e, "device", &d.device);
          text(e, "inquiry", &d.inquiry);
-         if (!numberAs(e, "size", &d.size, error) ||
-             !numberAs(e, "sectorSize", &d.sectorSize, error) ||
-             !numberAs(e, "lunId", &d.lunId, error) ||
-             !numberAs(e, "pathState", &d.pathState, error))
+         if (!readConfigNumber(e, "size", &d.size, error) ||
+             !readConfigNumber(e, "sectorSize", &d.sectorSize, error) ||
+             !readConfigNumber(e, "lunId", &d.lunId, error) ||
+             !readConfigNumber(e, "pathState", &d.pathState, error))
            return false;
          config->disks.push_back(d);
          return true;
@@ -98,9 +77,9 @@ bool loadSimPmPortMapperKeys(const PropertyList& top, SimPmConfig* config, std::
          SimProxy p;
          text(e, "name", &p.name);
          if (!address(e, "address1", &p.address1, error) ||
-             !address(e, "address2", &p.address2, error) || !numberAs(e, "port", &p.port, error) ||
-             !numberAs(e, "counter1", &p.counter1, error) ||
-             !numberAs(e, "counter2", &p.counter2, error))
+             !address(e, "address2", &p.address2, error) || !readConfigNumber(e, "port", &p.port, error) ||
+             !readConfigNumber(e, "counter1", &p.counter1, error) ||
+             !readConfigNumber(e, "counter2", &p.counter2, error))
            return false;
          config->proxies.push_back(p);
          return true;
@@ -108,13 +87,13 @@ bool loadSimPmPortMapperKeys(const PropertyList& top, SimPmConfig* config, std::
   ok = ok && eachEntry(top, "cctls", error, [&](const PropertyList& e) {
          SimCctl c;
          text(e, "name", &c.name);
-         if (!numberAs(e, "value", &c.value, error)) return false;
+         if (!readConfigNumber(e, "value", &c.value, error)) return false;
          config->cctls.push_back(c);
          return true;
        });
   if (!ok) return false;
-  if (!numberAs(top, "diskGeneration", &config->diskGeneration, error) ||
-      !numberAs(top, "cctlGeneration", &config->cctlGeneration, error))
+  if (!readConfigNumber(top, "diskGeneration", &config->diskGeneration, error) ||
+      !readConfigNumber(top, "cctlGeneration", &config->cctlGeneration, error))
     return false;
   if (const PropertyList* v = top.get("proxyListChangesOnce"))
     config->proxyListChangesOnce = v->boolValue();

@@ -11,6 +11,7 @@
 #include "adminlib/fsmcomm.h"
 #include "adminlib/sock46.h"
 #include "adminlib/wire.h"
+#include "platform/socket_io.h"
 
 namespace velm::sim {
 namespace {
@@ -22,16 +23,6 @@ void frameReply(std::uint8_t* msg, std::size_t len, std::uint8_t status, std::ui
   put_be24(msg + kFhLength, static_cast<std::uint32_t>(len));
   msg[kFhStatus] = status;
   put_be16(msg + kFhError, error);
-}
-
-bool sendAll(int fd, const std::uint8_t* buf, std::size_t len) {
-  std::size_t off = 0;
-  while (off < len) {
-    ssize_t n = ::send(fd, buf + off, len - off, MSG_NOSIGNAL);
-    if (n <= 0) return false;
-    off += static_cast<std::size_t>(n);
-  }
-  return true;
 }
 
 }  // namespace

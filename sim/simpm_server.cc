@@ -16,37 +16,13 @@
 #include "adminlib/wire.h"
 #include "platform/files.h"
 #include "platform/paths.h"
+#include "platform/socket_io.h"
 
 namespace velm::sim {
 namespace {
 
 constexpr std::size_t kMaxFramedLen = 1 << 20;
 constexpr int kDiscoveryRequestWaitMs = 10000;
-
-// Reads exactly len bytes; the count read before the peer closed, or -1.
-ssize_t readFull(int fd, std::uint8_t* buf, std::size_t len) {
-  std::size_t got = 0;
-  while (got < len) {
-    ssize_t n = ::recv(fd, buf + got, len - got, 0);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return -1;
-    }
-    if (n == 0) break;
-    got += static_cast<std::size_t>(n);
-  }
-  return static_cast<ssize_t>(got);
-}
-
-bool sendAll(int fd, const std::uint8_t* buf, std::size_t len) {
-  std::size_t off = 0;
-  while (off < len) {
-    ssize_t n = ::send(fd, buf + off, len - off, MSG_NOSIGNAL);
-    if (n <= 0) return false;
-    off += static_cast<std::size_t>(n);
-  }
-  return true;
-}
 
 std::string peerText(const struct in6_addr& addr, int port) {
   char ip[kRawIpLen];
@@ -215,7 +191,7 @@ void SimPortMapper::serveDiscovery(int fd) {
   if (!sendAll(fd, buf, sizeof buf)) return;
   struct pollfd p = {fd, POLLIN, 0};
   if (::poll(&p, 1, kDiscoveryRequestWaitMs) <= 0) return;
-  if (readFull(fd, buf, sizeof buf) != static_cast<ssize_t>(sizeof buf)) return;
+  if (recvAll(fd, buf, sizeof buf) != static_cast<ssize_t>(sizeof buf)) return;
   std::uint8_t reply[kDiscoveryLen];
   if (protocol_->discoveryReply(buf, reply)) sendAll(fd, reply, sizeof reply);
 }
@@ -227,7 +203,7 @@ void SimPortMapper::servePortMapper(int fd, const std::string& peer) {
   conn.authRequired = authentication_check() != 0;
   std::vector<std::uint8_t> buf(kMaxFramedLen);
   while (!stopping_) {
-    ssize_t n = readFull(fd, buf.data(), kFrameHeaderLen);
+    ssize_t n = recvAll(fd, buf.data(), kFrameHeaderLen);
     if (n != static_cast<ssize_t>(kFrameHeaderLen)) return;
     bool framed = std::memcmp(buf.data(), kFrameMagic, sizeof kFrameMagic) == 0;
     std::size_t len = framed ? get_be24(buf.data() + kFhLength) : kPmMsgLen;
@@ -235,7 +211,7 @@ void SimPortMapper::servePortMapper(int fd, const std::string& peer) {
       simLog("%s: framed message announces %zu bytes; closing", peer.c_str(), len);
       return;
     }
-    if (readFull(fd, buf.data() + kFrameHeaderLen, len - kFrameHeaderLen) !=
+    if (recvAll(fd, buf.data() + kFrameHeaderLen, len - kFrameHeaderLen) !=
         static_cast<ssize_t>(len - kFrameHeaderLen))
       return;
     if (!framed) {
@@ -255,14 +231,14 @@ void SimPortMapper::serveFsm(std::size_t fsmIndex, int fd) {
   const SimFsm fsm = protocol_->config().fsms[fsmIndex];
   std::vector<std::uint8_t> buf(kMaxFramedLen);
   while (!stopping_) {
-    if (readFull(fd, buf.data(), kFrameHeaderLen) != static_cast<ssize_t>(kFrameHeaderLen)) return;
+    if (recvAll(fd, buf.data(), kFrameHeaderLen) != static_cast<ssize_t>(kFrameHeaderLen)) return;
     if (std::memcmp(buf.data(), kFrameMagic, sizeof kFrameMagic) != 0) {
       simLog("fsm '%s': message without frame; closing", fsm.name.c_str());
       return;
     }
     std::size_t len = get_be24(buf.data() + kFhLength);
     if (len < kFrameHeaderLen || len > kMaxFramedLen) return;
-    if (readFull(fd, buf.data() + kFrameHeaderLen, len - kFrameHeaderLen) !=
+    if (recvAll(fd, buf.data() + kFrameHeaderLen, len - kFrameHeaderLen) !=
         static_cast<ssize_t>(len - kFrameHeaderLen))
       return;
     std::size_t replyLen = protocol_->fsmRequest(fsm, buf.data(), len, buf.size());

@@ -49,6 +49,13 @@ Sent exchange(int sock, std::uint8_t* msg, std::size_t len, std::size_t bufsize,
   return Sent::Failed;
 }
 
+// An exchange for a request with no older form: an unknown request is a failure too.
+bool exchangeOnly(int sock, std::uint8_t* msg, char* err) {
+  Sent s = exchange(sock, msg, kPmMsgLen, kPmMsgLen, err);
+  if (s == Sent::Unknown) setError(err, "unsupported message");
+  return s == Sent::Ok;
+}
+
 // In-place conversion to host order: after a request returns, these fields are host integers.
 void toHost16(std::uint8_t* msg, std::size_t off) {
   std::uint16_t v = get_be16(msg + off);
@@ -280,12 +287,7 @@ int FsmPMQueryID(int sock, const struct in6_addr* client, char* name, std::size_
   std::uint8_t msg[kPmMsgLen] = {};
   put_be16(msg + kPmType, kPmQueryID);
   if (client) std::memcpy(msg + kPmAddr, client->s6_addr, 16);
-  Sent s = exchange(sock, msg, sizeof msg, sizeof msg, err);
-  if (s == Sent::Failed) return -1;
-  if (s == Sent::Unknown) {
-    setError(err, "unsupported message");
-    return -1;
-  }
+  if (!exchangeOnly(sock, msg, err)) return -1;
   clearError(err);
   if (get_be16(msg + kPmStatus) != 0) return 1;
   if (name && size > 0) {
@@ -355,12 +357,7 @@ int FsmPMListProxyConnection(int sock, int index, std::uint8_t* msg, char* err) 
   std::memset(msg, 0, kPmMsgLen);
   put_be16(msg + kPmType, kPmListProxyConnection);
   put_be16(msg + kPmIndex, static_cast<std::uint16_t>(index));
-  Sent s = exchange(sock, msg, kPmMsgLen, kPmMsgLen, err);
-  if (s == Sent::Failed) return -1;
-  if (s == Sent::Unknown) {
-    setError(err, "unsupported message");
-    return -1;
-  }
+  if (!exchangeOnly(sock, msg, err)) return -1;
   std::uint16_t status = get_be16(msg + kPmStatus);
   switch (status) {
     case 0:
@@ -382,12 +379,7 @@ int FsmPMListLocalFsm(int sock, int index, std::uint8_t* msg, char* err) {
   std::memset(msg, 0, kPmMsgLen);
   put_be16(msg + kPmType, kPmListLocalFsm);
   put_be16(msg + kPmIndex, static_cast<std::uint16_t>(index));
-  Sent s = exchange(sock, msg, kPmMsgLen, kPmMsgLen, err);
-  if (s == Sent::Failed) return -1;
-  if (s == Sent::Unknown) {
-    setError(err, "unsupported message");
-    return -1;
-  }
+  if (!exchangeOnly(sock, msg, err)) return -1;
   serviceHeadToHost(msg);
   for (std::size_t off : {312, 314, 320, 340}) toHost16(msg, off);
   for (std::size_t off : {316, 324, 328, 332, 336, 344}) toHost32(msg, off);
@@ -470,12 +462,7 @@ int FsmPMGetLocalCctls(int sock, const char* name, std::uint64_t* value, std::ui
   std::uint8_t msg[kPmMsgLen] = {};
   put_be16(msg + kPmType, kPmGetLocalCctls);
   PmSetName(msg, name ? name : "");
-  Sent s = exchange(sock, msg, sizeof msg, sizeof msg, err);
-  if (s == Sent::Failed) return -1;
-  if (s == Sent::Unknown) {
-    setError(err, "unsupported message");
-    return -1;
-  }
+  if (!exchangeOnly(sock, msg, err)) return -1;
   clearError(err);
   std::uint16_t status = get_be16(msg + kPmStatus);
   if (status != 0) return status;

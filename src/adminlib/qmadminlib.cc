@@ -989,34 +989,21 @@ char* QMAdmin_SizeStr(std::uint64_t size, char* num, char* unit) {
 
 void log_qmfs_error(int status, const char* context) {
   const char* ctx = context ? context : "";
+  const char* what = nullptr;
   switch (status) {
-    case QMFS_OK:
-      return;
-    case QMFS_ERROR:
-      adminlib::syslogLine(LOG_NOTICE, "velm: %s: QMFS Generic Error", ctx);
-      return;
-    case QMFS_EPERM:
-      adminlib::syslogLine(LOG_NOTICE, "velm: %s: QMFS Permission Error", ctx);
-      return;
-    case QMFS_ENOENT:
-      adminlib::syslogLine(LOG_NOTICE, "velm: %s: QMFS No Entry Found Error", ctx);
-      return;
-    case QMFS_EEXIST:
-      adminlib::syslogLine(LOG_NOTICE, "velm: %s: QMFS Object Exists Error", ctx);
-      return;
-    case QMFS_ENOCONFIG:
-      adminlib::syslogLine(LOG_NOTICE, "velm: %s: QMFS No Configuration Error", ctx);
-      return;
-    case QMFS_ENOTLOCAL:
-      adminlib::syslogLine(LOG_NOTICE, "velm: %s: QMFS Object Not Local Error", ctx);
-      return;
-    case QMFS_EOF:
-      adminlib::syslogLine(LOG_NOTICE, "velm: %s: QMFS End Of File Error", ctx);
-      return;
-    default:
-      adminlib::syslogLine(LOG_NOTICE, "velm: %s: QMFS UNKNOWN Error (%d)", ctx, status);
-      return;
+    case QMFS_OK: return;
+    case QMFS_ERROR: what = "Generic"; break;
+    case QMFS_EPERM: what = "Permission"; break;
+    case QMFS_ENOENT: what = "No Entry Found"; break;
+    case QMFS_EEXIST: what = "Object Exists"; break;
+    case QMFS_ENOCONFIG: what = "No Configuration"; break;
+    case QMFS_ENOTLOCAL: what = "Object Not Local"; break;
+    case QMFS_EOF: what = "End Of File"; break;
   }
+  if (what)
+    adminlib::syslogLine(LOG_NOTICE, "velm: %s: QMFS %s Error", ctx, what);
+  else
+    adminlib::syslogLine(LOG_NOTICE, "velm: %s: QMFS UNKNOWN Error (%d)", ctx, status);
 }
 
 // ---- Tests ----

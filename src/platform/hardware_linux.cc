@@ -31,9 +31,9 @@ std::optional<T> parseNumber(std::string_view s) {
   return value;
 }
 
-// The value of the first "key : value" line of /proc/cpuinfo with that key.
-std::optional<std::string> cpuinfoField(std::string_view key) {
-  auto text = readFile(procfsPath("cpuinfo"));
+// The value of the first "key : value" line with that key in a /proc file.
+std::optional<std::string> procField(const char* file, std::string_view key) {
+  auto text = readFile(procfsPath(file));
   if (!text) return std::nullopt;
   std::string_view rest = *text;
   while (!rest.empty()) {
@@ -48,6 +48,8 @@ std::optional<std::string> cpuinfoField(std::string_view key) {
   }
   return std::nullopt;
 }
+
+std::optional<std::string> cpuinfoField(std::string_view key) { return procField("cpuinfo", key); }
 
 // Architectures name the processor under different keys.
 std::optional<std::string> processorName() {
@@ -122,21 +124,13 @@ class LinuxHardwareSource : public HardwareSource {
   }
 
   std::optional<std::uint64_t> physicalMemory() override {
-    auto text = readFile(procfsPath("meminfo"));
+    auto text = procField("meminfo", "MemTotal");
     if (!text) return std::nullopt;
-    std::string_view rest = *text;
-    while (!rest.empty()) {
-      size_t nl = rest.find('\n');
-      std::string_view line = rest.substr(0, nl);
-      rest.remove_prefix(nl == std::string_view::npos ? rest.size() : nl + 1);
-      if (line.substr(0, 9) != "MemTotal:") continue;
-      std::string_view value = trimmed(line.substr(9));
-      if (value.size() >= 2 && value.substr(value.size() - 2) == "kB") value.remove_suffix(2);
-      auto kb = parseNumber<std::uint64_t>(value);
-      if (!kb || *kb > UINT64_MAX / 1024) return std::nullopt;
-      return *kb * 1024;
-    }
-    return std::nullopt;
+    std::string_view value = *text;
+    if (value.size() >= 2 && value.substr(value.size() - 2) == "kB") value.remove_suffix(2);
+    auto kb = parseNumber<std::uint64_t>(value);
+    if (!kb || *kb > UINT64_MAX / 1024) return std::nullopt;
+    return *kb * 1024;
   }
 
   // DMI on PCs; boards without it name themselves in the device tree.

@@ -17,6 +17,7 @@
 #include "adminlib/adminlib.h"
 #include "adminlib/adminlib_test_helpers.h"
 #include "platform/paths.h"
+#include "platform/socket_io.h"
 
 extern char** environ;
 
@@ -81,15 +82,7 @@ Bytes readBytes(int fd, std::size_t n) {
   return out;
 }
 
-bool writeBytes(int fd, const Bytes& bytes) {
-  std::size_t off = 0;
-  while (off < bytes.size()) {
-    ssize_t n = ::send(fd, bytes.data() + off, bytes.size() - off, MSG_NOSIGNAL);
-    if (n <= 0) return false;
-    off += static_cast<std::size_t>(n);
-  }
-  return true;
-}
+bool writeBytes(int fd, const Bytes& bytes) { return sendAll(fd, bytes.data(), bytes.size()); }
 
 LoopbackPeer::LoopbackPeer(std::function<void(int fd)> handler, int connections, int port) {
   listenFd_ = listenLoopback(port, &port_);

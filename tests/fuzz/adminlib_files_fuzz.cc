@@ -1,42 +1,28 @@
 // Feeds arbitrary file contents to the admin library's file readers: fsports, the secret file,
 // the admin password file. The first byte picks the file.
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 
 #include "adminlib/adminlib.h"
+#include "fuzz_support.h"
 #include "platform/files.h"
-#include "platform/paths.h"
 
 namespace {
 
-std::string gRoot;
-
-void removeRoot() {
-  std::error_code ec;
-  std::filesystem::remove_all(gRoot, ec);
-}
+const std::string* gRoot = nullptr;
 
 bool setUp() {
-  char tmpl[] = "/tmp/velmfuzzXXXXXX";
-  if (!::mkdtemp(tmpl)) std::abort();
-  gRoot = tmpl;
-  std::atexit(removeRoot);
-  ::setenv("DRFSROOT", gRoot.c_str(), 1);
-  ::setenv("VELM_LOG", "/dev/null", 1);
-  velm::resetPathsForTest();
-  velm::makeDirectories(gRoot + "/config");
+  gRoot = &velm::fuzz::drfsRoot();
   WriteLog = [](int, const char*) {};
   return true;
 }
 
 void put(const char* name, const std::uint8_t* data, std::size_t size) {
   // Plain writes: the reader, not the writer, is under test here.
-  FILE* f = std::fopen((gRoot + "/config/" + name).c_str(), "wb");
+  FILE* f = std::fopen((*gRoot + "/config/" + name).c_str(), "wb");
   if (!f) std::abort();
   if (size) std::fwrite(data, 1, size, f);
   std::fclose(f);

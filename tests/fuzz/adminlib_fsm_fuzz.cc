@@ -1,8 +1,6 @@
 // Feeds arbitrary FSM bytes to every FSM request through a socketpair: the first byte picks the
 // request (and its form), the rest is what the FSM sends before it stops writing, so walks get
 // as many replies as the bytes hold.
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstdlib>
@@ -10,43 +8,12 @@
 
 #include "adminlib/adminlib.h"
 #include "adminlib/fsm_requests.h"
-
-namespace {
-
-struct Pair {
-  int client = -1, peer = -1;
-  Pair() {
-    int sv[2];
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) std::abort();
-    client = sv[0];
-    peer = sv[1];
-    int size = 1 << 20;
-    ::setsockopt(peer, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
-    ::setsockopt(client, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-    ::setsockopt(client, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
-    ::setsockopt(peer, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-  }
-  ~Pair() {
-    ::close(client);
-    ::close(peer);
-  }
-  void feed(const std::uint8_t* data, std::size_t size) {
-    std::size_t off = 0;
-    while (off < size) {
-      ssize_t n = ::send(peer, data + off, size - off, MSG_NOSIGNAL);
-      if (n <= 0) break;
-      off += static_cast<std::size_t>(n);
-    }
-    ::shutdown(peer, SHUT_WR);
-  }
-};
-
-}  // namespace
+#include "fuzz_support.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < 1 || size > 65536) return 0;
   std::uint8_t mode = data[0];
-  Pair p;
+  velm::fuzz::Peer p;
   p.feed(data + 1, size - 1);
   int s = p.client, err = 0;
   std::uint32_t w1 = 0, w2 = 0;

@@ -1,46 +1,15 @@
 // Feeds arbitrary peer bytes as the replies to each port-mapper request, through a socketpair
 // whose other end has written them all and stopped: older-form fallbacks read the next reply from
 // the same stream. The first byte picks the request, the second its arguments.
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <initializer_list>
 
 #include "adminlib/adminlib.h"
+#include "fuzz_support.h"
 
 namespace {
-
-struct Pair {
-  int client = -1, peer = -1;
-  Pair() {
-    int sv[2];
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) std::abort();
-    client = sv[0];
-    peer = sv[1];
-    // Room for everything both sides write, so neither write blocks.
-    int size = 1 << 20;
-    for (int fd : {client, peer}) {
-      ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
-      ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-    }
-  }
-  ~Pair() {
-    ::close(client);
-    ::close(peer);
-  }
-  void feed(const std::uint8_t* data, std::size_t size) {
-    std::size_t off = 0;
-    while (off < size) {
-      ssize_t n = ::send(peer, data + off, size - off, MSG_NOSIGNAL);
-      if (n <= 0) break;
-      off += static_cast<std::size_t>(n);
-    }
-    ::shutdown(peer, SHUT_WR);
-  }
-};
 
 bool setUp() {
   ::setenv("VELM_LOG", "/dev/null", 1);
@@ -54,7 +23,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   (void)ready;
   if (size < 2 || size > 65536) return 0;
   std::uint8_t mode = data[0], arg = data[1];
-  Pair p;
+  velm::fuzz::Peer p;
   p.feed(data + 2, size - 2);
   char err[ADMIN_ERRBUF_LEN];
   std::uint8_t msg[kPmMsgLen] = {};
