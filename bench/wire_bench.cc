@@ -134,6 +134,13 @@ void stopSim() {
 
 // ---- The floor: a 1024-byte echo over loopback TCP ----
 
+// One echo of a whole buffer: the client sends first, the server reads first.
+bool echoOnce(int fd, char* buf, std::size_t len, bool client) {
+  auto recvWhole = [&] { return velm::recvAll(fd, buf, len) == static_cast<ssize_t>(len); };
+  if (client) return velm::sendAll(fd, buf, len) && recvWhole();
+  return recvWhole() && velm::sendAll(fd, buf, len);
+}
+
 std::thread startEchoServer() {
   int lfd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in sin{};
@@ -149,7 +156,7 @@ std::thread startEchoServer() {
     ::close(lfd);
     if (fd < 0) return;
     char buf[kEchoLen];
-    while (velm::recvAll(fd, buf, sizeof buf) == static_cast<ssize_t>(sizeof buf) && velm::sendAll(fd, buf, sizeof buf)) {
+    while (echoOnce(fd, buf, sizeof buf, false)) {
     }
     ::close(fd);
   });
@@ -170,7 +177,7 @@ void BM_LoopbackEcho1024(benchmark::State& state) {
   }
   char buf[kEchoLen] = {};
   for (auto _ : state) {
-    if (!velm::sendAll(fd, buf, sizeof buf) || !velm::recvAll(fd, buf, sizeof buf) == static_cast<ssize_t>(sizeof buf)) {
+    if (!echoOnce(fd, buf, sizeof buf, true)) {
       state.SkipWithError("echo failed");
       break;
     }

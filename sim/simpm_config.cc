@@ -6,13 +6,20 @@
 #include "plist/plist.h"
 
 namespace velm::sim {
+std::string keyError(std::string_view key, std::string_view what) {
+  std::string text;
+  text.reserve(key.size() + what.size() + 3);
+  text.append("'").append(key).append("' ").append(what);
+  return text;
+}
+
 bool readConfigNumber(const PropertyList& dict, std::string_view key, std::int64_t* out,
                       std::string* error) {
   const PropertyList* v = dict.get(key);
   if (!v) return true;
   auto n = v->int64Value();
   if (!n) {
-    *error = "'" + std::string(key) + "' is not a number";
+    *error = keyError(key, "is not a number");
     return false;
   }
   *out = *n;

@@ -81,6 +81,9 @@ bool loadSimPmConfig(const std::string& path, SimPmConfig* config, std::string* 
 // running), read by loadSimPmConfig. False with a reason.
 bool loadSimPmPortMapperKeys(const PropertyList& top, SimPmConfig* config, std::string* error);
 
+// "'key' what": the text of a bad key.
+std::string keyError(std::string_view key, std::string_view what);
+
 // Reads an optional integer key: *out is left alone when the key is absent; false with a reason
 // when it is there but not a number.
 bool readConfigNumber(const PropertyList& dict, std::string_view key, std::int64_t* out,

@@ -33,7 +33,7 @@ class Reader {
   bool text(const PropertyList& dict, std::string_view key, std::string* out) {
     const PropertyList* v = dict.get(key);
     if (!v) return true;
-    if (!v->isString()) return fail("'" + std::string(key) + "' is not a string");
+    if (!v->isString()) return fail(keyError(key, "is not a string"));
     *out = *v->asString();
     return true;
   }
@@ -56,14 +56,14 @@ class Reader {
   template <typename T>
   bool listNumbers(const PropertyList& v, std::string_view key, std::vector<T>* out,
                    std::size_t max) {
-    if (!v.isArray()) return fail("'" + std::string(key) + "' is not an array");
+    if (!v.isArray()) return fail(keyError(key, "is not an array"));
     out->clear();
     for (const PropertyList& n : *v.asArray()) {
       auto x = n.int64Value();
-      if (!x) return fail("'" + std::string(key) + "' holds a value that is not a number");
+      if (!x) return fail(keyError(key, "holds a value that is not a number"));
       out->push_back(static_cast<T>(*x));
     }
-    if (max && out->size() > max) return fail("'" + std::string(key) + "' is too long");
+    if (max && out->size() > max) return fail(keyError(key, "is too long"));
     return true;
   }
 
@@ -71,7 +71,7 @@ class Reader {
   bool each(const PropertyList& dict, std::string_view key, F f) {
     const PropertyList* list = dict.get(key);
     if (!list) return true;
-    if (!list->isArray()) return fail("'" + std::string(key) + "' is not an array");
+    if (!list->isArray()) return fail(keyError(key, "is not an array"));
     for (const PropertyList& entry : *list->asArray())
       if (!f(entry)) return false;
     return true;

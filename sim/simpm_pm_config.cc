@@ -27,7 +27,7 @@ bool eachEntry(const PropertyList& top, std::string_view key, std::string* error
   const PropertyList* list = top.get(key);
   if (!list) return true;
   if (!list->isArray()) {
-    *error = "'" + std::string(key) + "' is not an array";
+    *error = keyError(key, "is not an array");
     return false;
   }
   for (const PropertyList& entry : *list->asArray()) {

@@ -1,9 +1,9 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
-#include <regex>
 
 #include "platform/log.h"
 #include "platform/paths.h"
@@ -43,8 +43,8 @@ TEST_F(PluginLogTest, LinesCarryPidAndThreadAndEmptyTextReadsNull) {
   std::vector<std::string> lines = log.lines();
   ASSERT_EQ(lines.size(), 2u);
   std::string pid = std::to_string(::getpid());
-  EXPECT_TRUE(std::regex_match(lines[0], std::regex("velm: \\[" + pid + "/[0-9A-F]+\\] null"))) << lines[0];
-  EXPECT_TRUE(std::regex_match(lines[1], std::regex("velm: \\[" + pid + "/[0-9A-F]+\\] ERROR: null"))) << lines[1];
+  EXPECT_THAT(lines[0], testing::MatchesRegex("velm: \\[" + pid + "/[0-9A-F]+\\] null"));
+  EXPECT_THAT(lines[1], testing::MatchesRegex("velm: \\[" + pid + "/[0-9A-F]+\\] ERROR: null"));
 }
 
 }  // namespace

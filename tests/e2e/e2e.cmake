@@ -5,7 +5,7 @@ add_library(adminhost_echo MODULE ${CMAKE_CURRENT_LIST_DIR}/echo_plugin.cc)
 set_target_properties(adminhost_echo PROPERTIES PREFIX "" CXX_VISIBILITY_PRESET hidden
                       LIBRARY_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/test-plugins)
 target_link_libraries(adminhost_echo PRIVATE velm_adminhost)
-target_link_options(adminhost_echo PRIVATE -Wl,--exclude-libs,ALL -Wl,--no-undefined
+target_link_options(adminhost_echo PRIVATE -Wl,--exclude-libs,ALL ${VELM_MODULE_NO_UNDEFINED}
                     -Wl,--version-script=${PROJECT_SOURCE_DIR}/src/core/plugin.map)
 
 if(TARGET e2e_tests)
