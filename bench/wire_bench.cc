@@ -80,7 +80,8 @@ bool prepareRoot() {
   for (int i = 0; i < kFsms; ++i)
     config += "<dict><key>name</key><string>vol" + std::to_string(i) +
               "</string><key>priority</key><integer>" + std::to_string(i % 2) +
-              "</integer><key>pid</key><integer>" + std::to_string(1000 + i) + "</integer></dict>\n";
+              "</integer><key>pid</key><integer>" + std::to_string(1000 + i) +
+              "</integer></dict>\n";
   config += "</array>\n</dict>\n</plist>\n";
   ::setenv("VELM_ROOT", (gRoot + "/client").c_str(), 1);
   ::unsetenv("DRFSROOT");

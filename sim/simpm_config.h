@@ -28,8 +28,8 @@ struct SimFsm {
   std::uint32_t capabilities = 1;
   // Its admin side (simpm_fsm_*.cc); copies of this entry share it.
   std::shared_ptr<SimFsmState> fsmState = std::make_shared<SimFsmState>();
-  int serviceType = 1;   // service list type; 1 is an FSM
-  bool running = true;   // false: stopped, not listed
+  int serviceType = 1;  // service list type; 1 is an FSM
+  bool running = true;  // false: stopped, not listed
 };
 
 // A disk the port mapper sees.

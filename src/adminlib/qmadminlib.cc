@@ -630,8 +630,7 @@ int QMAdmin_FSMStop(int handle, const char* fsname, int flag, char* err) {
       setError(err, "FSM not found");
       return QMFS_ENOENT;
     }
-    if (rec.state == QMADMIN_STATE_ACTIVE &&
-        std::strncmp(rec.name, fsname, QMADMIN_NAME_LEN) == 0)
+    if (rec.state == QMADMIN_STATE_ACTIVE && std::strncmp(rec.name, fsname, QMADMIN_NAME_LEN) == 0)
       break;
     ++index;
   }
@@ -735,8 +734,7 @@ int QMAdmin_UpStripeGroup(int handle, int index) {
   FsmPartitionRec p{};
   if (FsmGetPartition(sock, index, &p, &stat, &e) != 0) return QMFS_ERROR;
   if (p.flags & kPartUp) return QMFS_EEXIST;
-  return FSMModifyPartition(sock, index, 1, p.setting, p.multipath, &e) == 0 ? QMFS_OK
-                                                                             : QMFS_ERROR;
+  return FSMModifyPartition(sock, index, 1, p.setting, p.multipath, &e) == 0 ? QMFS_OK : QMFS_ERROR;
 }
 
 int QMAdmin_DownStripeGroup(int handle, int index) {
@@ -748,8 +746,7 @@ int QMAdmin_DownStripeGroup(int handle, int index) {
   if (readStripeGroup(sock, index, &stat, &p) != 0) return QMFS_ERROR;
   if (p.flags & kPartDown) return QMFS_EEXIST;
   int e = 0;
-  return FSMModifyPartition(sock, index, 2, p.setting, p.multipath, &e) == 0 ? QMFS_OK
-                                                                             : QMFS_ERROR;
+  return FSMModifyPartition(sock, index, 2, p.setting, p.multipath, &e) == 0 ? QMFS_OK : QMFS_ERROR;
 }
 
 int QMAdmin_FSMGetDebug(int handle, std::uint32_t* word) {
@@ -831,8 +828,8 @@ int QMAdmin_GetClientList(int handle, QMAdminClient** out) {
     FreeMemory(who);
     return 0;
   }
-  auto* array = static_cast<QMAdminClient*>(
-      std::calloc(static_cast<std::size_t>(n), sizeof(QMAdminClient)));
+  auto* array =
+      static_cast<QMAdminClient*>(std::calloc(static_cast<std::size_t>(n), sizeof(QMAdminClient)));
   if (!array) {
     FreeMemory(who);
     return QMFS_ERROR;
@@ -982,7 +979,9 @@ char* QMAdmin_SizeStr(std::uint64_t size, char* num, char* unit) {
       }
     }
   }
-  if (num) std::snprintf(num, QMADMIN_SIZESTR_LEN, "%2.2f", static_cast<double>(static_cast<float>(value)));
+  if (num)
+    std::snprintf(num, QMADMIN_SIZESTR_LEN, "%2.2f",
+                  static_cast<double>(static_cast<float>(value)));
   if (unit) std::strcpy(unit, u);
   return unit;
 }
@@ -991,14 +990,29 @@ void log_qmfs_error(int status, const char* context) {
   const char* ctx = context ? context : "";
   const char* what = nullptr;
   switch (status) {
-    case QMFS_OK: return;
-    case QMFS_ERROR: what = "Generic"; break;
-    case QMFS_EPERM: what = "Permission"; break;
-    case QMFS_ENOENT: what = "No Entry Found"; break;
-    case QMFS_EEXIST: what = "Object Exists"; break;
-    case QMFS_ENOCONFIG: what = "No Configuration"; break;
-    case QMFS_ENOTLOCAL: what = "Object Not Local"; break;
-    case QMFS_EOF: what = "End Of File"; break;
+    case QMFS_OK:
+      return;
+    case QMFS_ERROR:
+      what = "Generic";
+      break;
+    case QMFS_EPERM:
+      what = "Permission";
+      break;
+    case QMFS_ENOENT:
+      what = "No Entry Found";
+      break;
+    case QMFS_EEXIST:
+      what = "Object Exists";
+      break;
+    case QMFS_ENOCONFIG:
+      what = "No Configuration";
+      break;
+    case QMFS_ENOTLOCAL:
+      what = "Object Not Local";
+      break;
+    case QMFS_EOF:
+      what = "End Of File";
+      break;
   }
   if (what)
     adminlib::syslogLine(LOG_NOTICE, "velm: %s: QMFS %s Error", ctx, what);

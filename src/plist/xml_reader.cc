@@ -204,13 +204,13 @@ class Reader {
     if (!isBlank(n.value())) return fail(n, "text in a <dict>");
     out = PropertyList(PlistDict{});
     PlistDict& d = *out.asDict();
-    size_t children = 0;
-    for (pugi::xml_node c = n.first_child(); c; c = c.next_sibling()) ++children;
-    d.reserve(children / 2);
+    ChildRange children(nodes_, n);
+    d.reserve(children.size() / 2);
     std::string key;
     bool haveKey = false;
     pugi::xml_node keyNode;
-    for (pugi::xml_node c = n.first_child(); c; c = c.next_sibling()) {
+    for (size_t i = 0; i < children.size(); ++i) {
+      pugi::xml_node c = children[i];
       if (c.type() != pugi::node_element) {
         if (isText(c) && !isBlank(c.value())) return fail(c, "text in a <dict>");
         continue;
@@ -234,19 +234,20 @@ class Reader {
 
   bool array(pugi::xml_node n, PropertyList& out, size_t depth) {
     if (!isBlank(n.value())) return fail(n, "text in an <array>");
-    out = PropertyList(PlistArray{});
-    PlistArray& a = *out.asArray();
-    size_t children = 0;
-    for (pugi::xml_node c = n.first_child(); c; c = c.next_sibling()) ++children;
-    a.reserve(children);
+    Pending<PropertyList> pending(values_);
     for (pugi::xml_node c = n.first_child(); c; c = c.next_sibling()) {
       if (c.type() != pugi::node_element) {
         if (isText(c) && !isBlank(c.value())) return fail(c, "text in an <array>");
         continue;
       }
-      a.emplace_back();
-      if (!value(c, a.back(), depth)) return false;
+      PropertyList v;
+      if (!value(c, v, depth)) return false;
+      values_.push_back(std::move(v));
     }
+    out = PropertyList(PlistArray{});
+    PlistArray& a = *out.asArray();
+    a.reserve(pending.size());
+    pending.forEach([&a](PropertyList& v) { a.push_back(std::move(v)); });
     return true;
   }
 
@@ -334,6 +335,53 @@ class Reader {
     }
   }
 
+  // The values the arrays being read have gathered so far, innermost last: an array reads its
+  // children in document order onto the stack (nested ones stack theirs above and take them off
+  // again), then moves them into a vector of the right size. One pass over the children, in the
+  // parser's memory order, and one allocation; counting them first would chase every sibling
+  // link across the whole subtree, a cache miss each on large documents.
+  template <typename T>
+  class Pending {
+   public:
+    explicit Pending(std::vector<T>& stack) : stack_(stack), base_(stack.size()) {}
+    ~Pending() { stack_.resize(base_); }
+    Pending(const Pending&) = delete;
+    Pending& operator=(const Pending&) = delete;
+    size_t size() const { return stack_.size() - base_; }
+    template <typename F>
+    void forEach(F f) {
+      for (size_t i = base_; i < stack_.size(); ++i) f(stack_[i]);
+    }
+
+   private:
+    std::vector<T>& stack_;
+    size_t base_;
+  };
+
+  std::vector<PropertyList> values_;
+
+  // The children of one dictionary, gathered in one pass so that its entries are sized before
+  // they are filled in place. Nested dictionaries stack theirs above, so entries are read by index.
+  class ChildRange {
+   public:
+    ChildRange(std::vector<pugi::xml_node>& nodes, pugi::xml_node parent)
+        : nodes_(nodes), base_(nodes.size()) {
+      for (pugi::xml_node c = parent.first_child(); c; c = c.next_sibling()) nodes_.push_back(c);
+      size_ = nodes_.size() - base_;
+    }
+    ~ChildRange() { nodes_.resize(base_); }
+    ChildRange(const ChildRange&) = delete;
+    ChildRange& operator=(const ChildRange&) = delete;
+    size_t size() const { return size_; }
+    pugi::xml_node operator[](size_t i) const { return nodes_[base_ + i]; }
+
+   private:
+    std::vector<pugi::xml_node>& nodes_;
+    size_t base_;
+    size_t size_;
+  };
+
+  std::vector<pugi::xml_node> nodes_;
   size_t maxDepth_;
   std::string error_;
   ptrdiff_t errorOffset_ = -1;
