@@ -456,11 +456,12 @@ int FsmGetSocket(const char* host, const char* fsname, int wait, char* errbuf, i
   setError(errbuf, "%d", port);
   if (!admin) return fsm.release();
 
-  std::uint8_t open[kFsmOpenAdminLen] = {};
+  // The opening is 32 bytes, but an FSM may answer with more: give the reply the full room.
+  std::uint8_t open[kFsmMsgLen] = {};
   open[kFhClass] = kFsmAdminClass;
   open[kFhType] = kFsmOpenAdmin;
   FrameSetMsgNumber(open, FsmNextMsgNumber());
-  if (SendRcvMsg(fsm.get(), open, sizeof open, &err) != 0) {
+  if (_sendrcvmsg_buf(fsm.get(), open, kFsmOpenAdminLen, sizeof open, &err, 1) != 0) {
     setError(errbuf, "Admin Tap Connection to FSM failed: %s%s",
              _FormatSysError(err, sysText, sizeof sysText),
              err == ECONNRESET ? "\nFSM may have too many connections active.\n" : "");

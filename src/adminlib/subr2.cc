@@ -269,7 +269,7 @@ void configure_branding() {
   ssize_t len;
   while ((len = ::getline(&line, &cap, f)) >= 0) {
     std::string_view text(line, static_cast<std::size_t>(len));
-    if (!text.empty() && text.back() == '\n') text.remove_suffix(1);
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.remove_suffix(1);
     std::size_t start = text.find_first_not_of(" \t");
     if (start == std::string_view::npos) continue;
     std::size_t end = text.find_first_of(" \t", start);
@@ -280,7 +280,8 @@ void configure_branding() {
       if (v != std::string_view::npos) rest = text.substr(v);
     }
     for (const Field& fld : fields) {
-      if (key == fld.key) {
+      // A keyword with no value keeps its default.
+      if (key == fld.key && !rest.empty()) {
         std::string value(rest.substr(0, kBrandLen - 1));
         copyText(fld.value, kBrandLen, value.c_str());
       }

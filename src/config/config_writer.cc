@@ -122,8 +122,8 @@ std::optional<std::string> SANConfigParser::uncompressedLineForKey(std::string_v
     int len = std::snprintf(buf, sizeof buf, numberFormat, n);
 #pragma GCC diagnostic pop
     if (len < 0) {
-      NError("%s: unable to convert '%@' ('%@') to format '%@'", "uncompressedLineForKey", *value, key,
-             numberFormat);
+      NLog("%s: unable to convert '%@' ('%@') to format '%@'", "uncompressedLineForKey", *value, key,
+           numberFormat);
       return std::nullopt;
     }
     text.assign(buf, static_cast<size_t>(len) < sizeof buf ? static_cast<size_t>(len) : sizeof buf - 1);

@@ -53,9 +53,10 @@ std::optional<PropertyList> VelmPlugin::testPerformanceWithRequest(const Propert
   clearOnly.set("clearCache", true);
   PropertyList out = PropertyList::dict();
   for (std::string_view command : allDispatchStrings()) {
-    Handler handler = handlerNamed(std::string(command) + "WithRequest:");
+    std::string handlerName = std::string(command) + "WithRequest:";
+    Handler handler = handlerNamed(handlerName);
     if (!handler) {
-      logRawLine(format("Does not respond to %s", command));
+      logRawLine(format("Does not respond to %s", handlerName));
       continue;
     }
     (this->*handler)(clearOnly);

@@ -372,7 +372,7 @@ PropertyList SANComputer::readSearchPolicy() {
   PropertyList out = PropertyList::array();
   const PropertyList* search = info.get("rosterAttrStandard:SearchPath");
   const PropertyList* local = info.get("rosterAttrStandard:LSPSearchPath");
-  if (!search || !search->asArray()) return out;
+  if (!search || !search->asArray()) return PropertyList();
   for (const PropertyList& entry : *search->asArray()) {
     bool excluded = false;
     if (local && local->asArray()) {

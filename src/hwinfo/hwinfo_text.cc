@@ -57,9 +57,13 @@ std::optional<std::string> resourcesDirectory() {
   if (!::realpath(info.dli_fname, resolved)) return std::nullopt;
   std::string dir(resolved);
   dir.resize(dir.rfind('/') + 1);
-  dir += "resources";
-  if (!pathExists(dir)) return std::nullopt;
-  return dir;
+  // Beside the plugin; for a program linked with the library, the plugin's folder of the build
+  // tree or of the installation.
+  for (const char* rel : {"resources", "../lib/resources", "../lib/adminhost/resources"}) {
+    std::string candidate = dir + rel;
+    if (pathExists(candidate)) return candidate;
+  }
+  return std::nullopt;
 }
 
 std::optional<PropertyList> resourceTable(std::string_view fileName) {

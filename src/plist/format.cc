@@ -19,6 +19,7 @@ struct Spec {
   bool left = false, plus = false, space = false, alt = false, zero = false;
   int width = 0;
   int precision = -1;  // -1: none given
+  int lengthBytes = 8;  // hh and h narrow an integer conversion; other modifiers leave it
   char conv = 0;
 };
 
@@ -70,6 +71,34 @@ Magnitude magnitudeOf(const FormatArg* a) {
 std::uint64_t bitsOf(const FormatArg* a) {
   Magnitude m = magnitudeOf(a);
   return m.negative ? 0 - m.value : m.value;
+}
+
+// An integer conversion reads its argument in the argument's own width, narrowed by hh or h:
+// %x of the int -1 is ffffffff, %d of the unsigned 4294967295 is -1, as printf gives them.
+int conversionBytes(const FormatArg* a, const Spec& s) {
+  int bytes = a && (a->kind() == FormatArg::Kind::Signed || a->kind() == FormatArg::Kind::Unsigned)
+                  ? a->byteWidth()
+                  : 8;
+  return std::min(bytes, s.lengthBytes);
+}
+
+std::uint64_t narrowedBits(const FormatArg* a, const Spec& s) {
+  std::uint64_t bits = bitsOf(a);
+  int bytes = conversionBytes(a, s);
+  return bytes >= 8 ? bits : bits & ((std::uint64_t{1} << (8 * bytes)) - 1);
+}
+
+Magnitude narrowedSigned(const FormatArg* a, const Spec& s) {
+  int bytes = conversionBytes(a, s);
+  if (bytes >= 8) {
+    // Unsigned values past INT64_MAX print as they are rather than wrapping.
+    if (a && a->kind() == FormatArg::Kind::Unsigned) return {a->unsignedValue(), false};
+    return magnitudeOf(a);
+  }
+  std::uint64_t bits = narrowedBits(a, s);
+  std::uint64_t sign = std::uint64_t{1} << (8 * bytes - 1);
+  if (bits & sign) return {(sign << 1) - bits, true};
+  return {bits, false};
 }
 
 double doubleOf(const FormatArg* a) {
@@ -314,7 +343,12 @@ std::string vformat(std::string_view f, std::span<const FormatArg> args) {
         }
       }
     }
-    while (i < f.size() && f[i] != 0 && std::strchr("hlqzjtL", f[i])) ++i;
+    int hs = 0;
+    while (i < f.size() && f[i] != 0 && std::strchr("hlqzjtL", f[i])) {
+      if (f[i] == 'h') ++hs;
+      ++i;
+    }
+    if (hs) s.lengthBytes = hs == 1 ? 2 : 1;
     if (i >= f.size()) {
       out.append(f.substr(specStart));  // a format that ends inside a conversion prints as it is
       break;
@@ -323,13 +357,13 @@ std::string vformat(std::string_view f, std::span<const FormatArg> args) {
     switch (s.conv) {
       case 'd':
       case 'i':
-        appendInteger(out, s, magnitudeOf(argAt(position)));
+        appendInteger(out, s, narrowedSigned(argAt(position), s));
         break;
       case 'u':
       case 'x':
       case 'X':
       case 'o':
-        appendInteger(out, s, {bitsOf(argAt(position)), false});
+        appendInteger(out, s, {narrowedBits(argAt(position), s), false});
         break;
       case 'f':
       case 'F':
@@ -344,7 +378,7 @@ std::string vformat(std::string_view f, std::span<const FormatArg> args) {
       case 'c':
       case 'C': {
         std::string ch;
-        appendCodePoint(ch, bitsOf(argAt(position)));
+        appendCodePoint(ch, narrowedBits(argAt(position), s));
         appendJustified(out, s, ch);
         break;
       }

@@ -19,18 +19,19 @@ class FormatArg {
  public:
   enum class Kind : std::uint8_t { Signed, Unsigned, Double, CString, Plist, Pointer };
 
-  FormatArg(char c) : kind_(Kind::Signed), i_(c) {}
-  FormatArg(signed char c) : kind_(Kind::Signed), i_(c) {}
-  FormatArg(unsigned char c) : kind_(Kind::Unsigned), u_(c) {}
-  FormatArg(short i) : kind_(Kind::Signed), i_(i) {}
-  FormatArg(unsigned short i) : kind_(Kind::Unsigned), u_(i) {}
-  FormatArg(int i) : kind_(Kind::Signed), i_(i) {}
+  // Integers keep their byte width, so that %x of a negative int prints 32 bits as printf does.
+  FormatArg(char c) : kind_(Kind::Signed), bytes_(1), i_(c) {}
+  FormatArg(signed char c) : kind_(Kind::Signed), bytes_(1), i_(c) {}
+  FormatArg(unsigned char c) : kind_(Kind::Unsigned), bytes_(1), u_(c) {}
+  FormatArg(short i) : kind_(Kind::Signed), bytes_(sizeof i), i_(i) {}
+  FormatArg(unsigned short i) : kind_(Kind::Unsigned), bytes_(sizeof i), u_(i) {}
+  FormatArg(int i) : kind_(Kind::Signed), bytes_(sizeof i), i_(i) {}
   FormatArg(long i) : kind_(Kind::Signed), i_(i) {}
   FormatArg(long long i) : kind_(Kind::Signed), i_(i) {}
-  FormatArg(unsigned i) : kind_(Kind::Unsigned), u_(i) {}
+  FormatArg(unsigned i) : kind_(Kind::Unsigned), bytes_(sizeof i), u_(i) {}
   FormatArg(unsigned long i) : kind_(Kind::Unsigned), u_(i) {}
   FormatArg(unsigned long long i) : kind_(Kind::Unsigned), u_(i) {}
-  FormatArg(bool b) : kind_(Kind::Signed), i_(b ? 1 : 0) {}
+  FormatArg(bool b) : kind_(Kind::Signed), bytes_(sizeof(int)), i_(b ? 1 : 0) {}
   FormatArg(double d) : kind_(Kind::Double), d_(d) {}
   FormatArg(float d) : kind_(Kind::Double), d_(d) {}
   FormatArg(const char* s) : kind_(Kind::CString), s_(s ? std::string_view(s) : std::string_view()), null_(!s) {}
@@ -46,6 +47,7 @@ class FormatArg {
   FormatArg(E e) : FormatArg(static_cast<std::underlying_type_t<E>>(e)) {}
 
   Kind kind() const { return kind_; }
+  int byteWidth() const { return bytes_; }  // of an integer argument; 8 for anything else
   std::int64_t signedValue() const { return i_; }
   std::uint64_t unsignedValue() const { return u_; }
   double doubleValue() const { return d_; }
@@ -56,6 +58,7 @@ class FormatArg {
 
  private:
   Kind kind_;
+  std::uint8_t bytes_ = 8;
   union {
     std::int64_t i_;
     std::uint64_t u_;

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <pugixml.hpp>
 
 #include "plist/plist.h"
@@ -462,9 +463,30 @@ char* parseBuffer(size_t size, std::unique_ptr<char[]>& own) {
   return kept.get();
 }
 
+// XML has no character 0, and pugixml would write a NUL for "&#0;" that cuts the text short
+// (and makes "a&#0;x" the key "a"): find such a reference before parsing.
+std::optional<size_t> nulReference(std::string_view text) {
+  for (size_t at = text.find("&#"); at != std::string_view::npos; at = text.find("&#", at + 2)) {
+    size_t i = at + 2;
+    bool hex = i < text.size() && (text[i] == 'x' || text[i] == 'X');
+    if (hex) ++i;
+    size_t digits = i;
+    while (i < text.size() && text[i] == '0') ++i;
+    if (i > digits && i < text.size() && text[i] == ';') return at;
+  }
+  return std::nullopt;
+}
+
 PlistReadResult readInPlace(char* buffer, size_t size, std::string_view original,
                             const PlistReadOptions& options) {
   PlistReadResult result;
+  if (std::memchr(buffer, '&', size)) {
+    if (std::optional<size_t> at = nulReference(original)) {
+      result.error = lineOf(original, static_cast<std::ptrdiff_t>(*at)) +
+                     "malformed XML: a character reference to NUL";
+      return result;
+    }
+  }
   pugi::xml_document doc;
   // Most documents have no carriage return and many no entity at all; telling pugixml so lets
   // it take its faster text scanning. (The bytes '\r' and '&' show in every encoding it reads.)

@@ -189,7 +189,8 @@ TEST_F(Subr2Test, BrandingReadsOemInfOnlyOnceItExists) {
   EXPECT_EQ(std::string(BrandIcon), std::string(GetDrfsRoot()) + "\\config\\oem\\icon.ico");
   writeDrfs("config/oem/oem.inf",
             "BrandName\tAcme  Store\n"
-            "  BrandAbbrv acfs\n"
+            "  BrandAbbrv acfs\r\n"
+            "BrandPrompt   \r\n"
             "Unknown value\n"
             "BrandCompanyAbbreviation " +
                 std::string(200, 'C') + "\n");

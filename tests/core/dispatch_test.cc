@@ -165,7 +165,7 @@ TEST_F(DispatchTest, TestPerformanceClampsIterationsAndSkipsCommandsWithoutHandl
     EXPECT_TRUE(state->get("hotAverageTime"));
     EXPECT_FALSE(r->get("tailFile"));
     // Written raw, without the "velm:" prefix.
-    EXPECT_EQ(log_.count("Does not respond to tailFile"), 1u);
+    EXPECT_EQ(log_.count("Does not respond to tailFileWithRequest:"), 1u);
   }
 }
 

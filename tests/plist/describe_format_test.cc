@@ -136,7 +136,10 @@ TEST(Format, Conversions) {
       "0x0 0x1234");
   EXPECT_EQ(format("%lld %zu %hhd %lu %jd", -1LL, size_t{5}, 3, 7ul, INT64_MIN),
             "-1 5 3 7 -9223372036854775808");
-  EXPECT_EQ(format("%u", -1), "18446744073709551615");  // arguments are 64-bit whatever the length
+  // An integer is read in its own width, as printf reads a matching argument.
+  EXPECT_EQ(format("%u 0x%x %X", -1, -536870208, -1L), "4294967295 0xe00002c0 FFFFFFFFFFFFFFFF");
+  EXPECT_EQ(format("%d %d", 4294967295u, 4294967295ull), "-1 4294967295");
+  EXPECT_EQ(format("'%c'", static_cast<char>('\xE9')), "'\xC3\xA9'");  // a Latin-1 byte
   EXPECT_EQ(format("%d %d", Color::Blue, true), "2 1");
   EXPECT_EQ(format("%llu", std::numeric_limits<unsigned long long>::max()), "18446744073709551615");
   EXPECT_EQ(format("%C", 0x263A), "\xE2\x98\xBA");
@@ -184,6 +187,28 @@ TEST(Format, MissingAndMismatchedArgumentsAreHarmless) {
   EXPECT_EQ(run("%.3s", {FormatArg("\xC3\xA9t\xC3\xA9")}), "\xC3\xA9t");
   EXPECT_EQ(run("%999999999999d", {FormatArg(1)}).size(), 10000u);
   EXPECT_EQ(run("%.999999999f", {FormatArg(1.0)}).size(), 10002u);
+}
+
+TEST(Format, NarrowIntegersMatchPrintf) {
+  const int ints[] = {0, 1, -1, 200, -200, 70000, -70000, INT32_MAX, INT32_MIN};
+  char expected[64];
+  for (const char* length : {"", "h", "hh", "l"})
+    for (char conv : std::string_view("diuxXo"))
+      for (int v : ints) {
+        std::string f = std::string("%") + length + conv;
+        if (*length == 'l')
+          std::snprintf(expected, sizeof expected, f.c_str(), static_cast<long>(v));
+        else
+          std::snprintf(expected, sizeof expected, f.c_str(), v);
+        FormatArg arg = *length == 'l' ? FormatArg(static_cast<long>(v)) : FormatArg(v);
+        ASSERT_EQ(vformat(f, std::span<const FormatArg>(&arg, 1)), expected) << f << " of " << v;
+        unsigned u = static_cast<unsigned>(v);
+        if (*length != 'l') {
+          std::snprintf(expected, sizeof expected, f.c_str(), u);
+          FormatArg uarg(u);
+          ASSERT_EQ(vformat(f, std::span<const FormatArg>(&uarg, 1)), expected) << f << " of " << u;
+        }
+      }
 }
 
 TEST(Format, NumbersMatchPrintf) {

@@ -196,6 +196,13 @@ TEST(XmlPlistRoundTrip, WhatXmlCannotCarryIsReplacedTheSameWayBothWays) {
   EXPECT_EQ(*back.getString("k" + fffd), "a" + fffd + "b" + fffd + "[0m" + fffd + fffd);
   EXPECT_EQ(writeXmlPlist(back), xml);
   EXPECT_EQ(*readOk(doc("<string>x&#1;y\x02</string>")).asString(), "x" + fffd + "y" + fffd);
+  // A reference to NUL would cut the text (or a key) short without a word: it is refused.
+  for (const char* bad : {"<string>ab&#0;cd</string>", "<dict><key>a&#x000;x</key><true/></dict>"}) {
+    PlistReadResult r = readXmlPlist(doc(bad));
+    EXPECT_FALSE(r) << bad;
+    EXPECT_NE(r.error.find("reference to NUL"), std::string::npos) << r.error;
+  }
+  EXPECT_EQ(*readOk(doc("<string>&#10;&#x30;</string>")).asString(), "\n0");
 }
 
 TEST(XmlPlistRoundTrip, DepthUpToTheLimitReads) {
