@@ -144,6 +144,17 @@ int AdminHost::run() {
     res.status = 500;
     res.body.clear();
   });
+  // A caller without the token is turned away before its body is read, and its connection
+  // closed, so that it can neither make us read megabytes nor hold a pool thread.
+  const std::string& expectedToken = token.token;
+  server.set_pre_routing_handler([&expectedToken](const httplib::Request& req, httplib::Response& res) {
+    if (bearerTokenMatches(req.get_header_value("Authorization"), expectedToken))
+      return httplib::Server::HandlerResponse::Unhandled;
+    res.status = 401;
+    res.set_header("Connection", "close");
+    HostLog("%s %s - 401 refused: no valid bearer token", req.method, req.path);
+    return httplib::Server::HandlerResponse::Handled;
+  });
   size_t maxBody = options_.maxBodyBytes;
   server.Post(R"(/commands/([^/]+))", [&router, maxBody](const httplib::Request& req, httplib::Response& res,
                                                          const httplib::ContentReader& reader) {
@@ -171,7 +182,7 @@ int AdminHost::run() {
     }
     res.status = answer.status;
     if (answer.status == 200) res.set_content(std::move(answer.body), kPlistType);
-    HostTrace("%s %s %s %d %lluus", req.method, req.path, answer.command, answer.status,
+    HostLog("%s %s %s %d %lluus", req.method, req.path, answer.command, answer.status,
               static_cast<unsigned long long>(clock().monotonicMicros() - started));
   });
 

@@ -1,4 +1,6 @@
 // velmadmin: runs one plugin command in this process (--local) or through adminhostd (--server).
+#include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -16,6 +18,7 @@
 #include "adminhost/plugin_request_handler.h"
 #include "platform/files.h"
 #include "platform/paths.h"
+#include "platform/unique_fd.h"
 #include "plist/plist.h"
 #include "tools/velmadmin_output.h"
 #include "tools/velmadmin_config.h"
@@ -157,6 +160,14 @@ int main(int argc, char** argv) {
 
   std::optional<velm::PropertyList> response;
   if (server.empty()) {
+    // A daemon on this root keeps the plugin's context in memory and would write over what a
+    // local run saves; while we run, it can't start.
+    velm::UniqueFd daemonLock(
+        ::open(velm::hostPath("/var/adminhostd/adminhostd.lock").c_str(), O_RDWR | O_CLOEXEC));
+    if (daemonLock && ::flock(daemonLock.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+      std::cerr << "velmadmin: adminhostd serves this root; send the command with --server\n";
+      return kExitUsage;
+    }
     response = runLocal(request);
   } else {
     if (tokenFile.empty()) tokenFile = velm::hostPath("/var/adminhostd/admin.token");

@@ -336,6 +336,31 @@ TEST_F(AdminhostdTest, SigtermLetsARunningRequestFinishAndSavesIt) {
   EXPECT_EQ(intAt(savedContext(), "counter"), 1);
 }
 
+TEST_F(AdminhostdTest, SigintSavesAContextChangedWithoutTheDirtyFlag) {
+  auto d = startEcho({"--idle-interval", "0"});
+  {
+    Client c(d->url());  // closed before the signal: an idle keep-alive connection delays the stop
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(c.command("echo", request("echo"), readToken(sandbox_)).status, 200);
+  }
+  EXPECT_EQ(intAt(savedContext(), "calls"), -1);  // echo never marks the context dirty
+  d->signal(SIGINT);
+  ASSERT_EQ(d->waitExit(), 0);
+  EXPECT_EQ(intAt(savedContext(), "calls"), 3);
+}
+
+TEST_F(AdminhostdTest, EveryRequestIsLoggedWithCommandStatusAndTime) {
+  auto d = startEcho({"--idle-interval", "0"});
+  Client c(d->url());
+  ASSERT_EQ(c.command("echo", request("echo"), readToken(sandbox_)).status, 200);
+  ASSERT_EQ(c.command("echo", request("silent"), readToken(sandbox_)).status, 400);
+  ASSERT_EQ(c.command("echo", request("echo"), "").status, 401);
+  std::string log = d->logText();
+  EXPECT_NE(log.find("POST /commands/echo echo 200 "), std::string::npos) << log;
+  EXPECT_NE(log.find("POST /commands/echo silent 400 "), std::string::npos) << log;
+  EXPECT_NE(log.find("POST /commands/echo - 401"), std::string::npos) << log;
+  EXPECT_NE(log.find("no saved context"), std::string::npos) << log;
+}
+
 TEST_F(AdminhostdTest, RefusesAnAddressOtherThanLoopbackWithoutTls) {
   Daemon d(sandbox_, makePluginDir(sandbox_, {{"echo", echoPluginPath()}}), {"--listen", "0.0.0.0:0"});
   EXPECT_FALSE(d.start());

@@ -11,6 +11,7 @@
 #include <cstdlib>
 
 #include "e2e/e2e_helpers.h"
+#include "support/run_program.h"
 #include "platform/files.h"
 #include "tools/velmadmin_remote.h"
 
@@ -122,6 +123,22 @@ TEST_F(RemoteTest, VelmadminServerModeExitStatuses) {
   std::string wrong = sandbox_.write("/wrong.token", std::string(64, '0'));
   ProgramRun denied = runProgram(sandbox_, {velmadminPath(), "--server", d.url(), "--token-file", wrong, "getState"});
   EXPECT_EQ(denied.status, 1);
+}
+
+TEST_F(RemoteTest, VelmadminLocalIsRefusedWhileTheDaemonServesTheRoot) {
+  auto local = [&] {
+    return velm::test::runProgram("velmadmin", {"--local", "getState"}, "", {{"VELM_ROOT", sandbox_.root()}});
+  };
+  EXPECT_EQ(local().status, 0);
+  {
+    Daemon d(sandbox_, makePluginDir(sandbox_, {{"velm", velmPluginPath()}}));
+    ASSERT_TRUE(d.start()) << d.stderrText() << d.logText();
+    ProgramResult during = local();
+    EXPECT_EQ(during.status, 1);
+    EXPECT_EQ(during.out, "");
+    EXPECT_NE(during.err.find("--server"), std::string::npos) << during.err;
+  }
+  EXPECT_EQ(local().status, 0);
 }
 
 // The transport's own failures, against the echo plugin standing in as "velm".
