@@ -20,7 +20,7 @@ const char kUsage[] =
     "A stand-in port mapper. It answers port-mapper discovery on the altpmap port of\n"
     "DIR/Library/Filesystems/Velm/config/fsports (5164 without one), serves port-mapper requests "
     "on\n"
-    "the port that discovery reports, and answers the admin connection of each local active FSM "
+    "the port that discovery reports, and answers the admin connection of each local running FSM "
     "on\n"
     "its own port. Authentication is required when config/.auth_secret exists in that root.\n"
     "Each request is logged to stderr. SIGTERM or SIGINT stops it.\n"

@@ -62,6 +62,11 @@ std::size_t SimPmProtocol::unknownReply(std::uint8_t* msg, std::size_t len) {
   return len;
 }
 
+SimFsm SimPmProtocol::fsmSnapshot(std::size_t i) {
+  std::scoped_lock lock(pmMutex_);
+  return config_.fsms[i];
+}
+
 struct in6_addr SimPmProtocol::fsmAddress(const SimFsm& fsm) const {
   struct in6_addr a = listen_;
   if (!fsm.address.empty()) parseAddress(fsm.address, &a);

@@ -50,6 +50,9 @@ class SimPmProtocol {
   // A framed request on the admin connection of an FSM. Fills the reply in place; its length.
   std::size_t fsmRequest(const SimFsm& fsm, std::uint8_t* msg, std::size_t len, std::size_t cap);
 
+  // A copy of FSM i of the table, taken under the lock that guards its flags.
+  SimFsm fsmSnapshot(std::size_t i);
+
   // The address an FSM is reached at.
   struct in6_addr fsmAddress(const SimFsm& fsm) const;
 

@@ -228,10 +228,15 @@ void SimPortMapper::servePortMapper(int fd, const std::string& peer) {
 }
 
 void SimPortMapper::serveFsm(std::size_t fsmIndex, int fd) {
-  const SimFsm fsm = protocol_->config().fsms[fsmIndex];
   std::vector<std::uint8_t> buf(kMaxFramedLen);
   while (!stopping_) {
     if (recvAll(fd, buf.data(), kFrameHeaderLen) != static_cast<ssize_t>(kFrameHeaderLen)) return;
+    // A stopped FSM has no process to answer: its connections end as the process would.
+    const SimFsm fsm = protocol_->fsmSnapshot(fsmIndex);
+    if (!fsm.running) {
+      simLog("fsm '%s' is not running; closing its connection", fsm.name.c_str());
+      return;
+    }
     if (std::memcmp(buf.data(), kFrameMagic, sizeof kFrameMagic) != 0) {
       simLog("fsm '%s': message without frame; closing", fsm.name.c_str());
       return;

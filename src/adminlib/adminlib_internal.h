@@ -6,6 +6,9 @@
 
 namespace adminlib {
 
+// A hostile peer could keep a list walk going for ever; real tables are far smaller than this.
+inline constexpr int kWalkLimit = 65536;
+
 // Formats into a caller's text buffer of ADMIN_ERRBUF_LEN bytes, truncating; a null buffer is
 // ignored.
 void setError(char* err, const char* fmt, ...) __attribute__((format(printf, 2, 3)));

@@ -12,12 +12,10 @@
 namespace {
 
 using adminlib::setError;
+using adminlib::kWalkLimit;
 
 constexpr int kTimed = 1;
 constexpr int kUntimed = 0;
-
-// A hostile FSM could keep a walk going for ever; real tables are far smaller than this.
-constexpr int kWalkLimit = 65536;
 
 // One FSM message buffer: taken, framed as class 2 with the next message number, freed.
 class FsmMessage {

@@ -301,29 +301,20 @@ char* FsmPMDecodeID(const struct in6_addr* client, const struct in6_addr* pmAddr
                     std::size_t size) {
   if (!name || size == 0 || !client) return name;
   name[0] = '\0';
-  IdCacheRecord* rec = nullptr;
+  auto findRecord = [client]() -> IdCacheRecord* {
+    for (IdCacheRecord* r = gIdCache; r; r = r->next)
+      if (std::memcmp(&r->client, client, sizeof *client) == 0) return r;
+    return nullptr;
+  };
+  std::uint64_t now = MicroTime();
   {
     std::scoped_lock lock(gIdCacheMutex);
-    std::uint64_t now = MicroTime();
-    for (IdCacheRecord* r = gIdCache; r; r = r->next) {
-      if (std::memcmp(&r->client, client, sizeof *client) != 0) continue;
-      if (r->stamp <= now && now - r->stamp <= kIdCacheLifeUs) {
-        adminlib::copyText(name, size, r->name);
-        return name;
-      }
-      // Deliberate: a stale record keeps its first stamp, so once five minutes old the name is
-      // asked for anew on every call.
-      rec = r;
-      break;
-    }
-    if (!rec) {
-      rec = static_cast<IdCacheRecord*>(AllocAndPinMemory(sizeof(IdCacheRecord)));
-      if (rec) {
-        rec->client = *client;
-        rec->stamp = now;
-        rec->next = gIdCache;
-        gIdCache = rec;
-      }
+    IdCacheRecord* r = findRecord();
+    // Deliberate: a stale record keeps its first stamp, so once five minutes old the name is
+    // asked for anew on every call.
+    if (r && r->stamp <= now && now - r->stamp <= kIdCacheLifeUs) {
+      adminlib::copyText(name, size, r->name);
+      return name;
     }
   }
 
@@ -336,9 +327,22 @@ char* FsmPMDecodeID(const struct in6_addr* client, const struct in6_addr* pmAddr
     if (pm) rc = FsmPMQueryID(pm.get(), client, found, sizeof found, err);
   }
   if (rc != 0) GetHostFromIp(client, found, sizeof found);
-  if (rec) {
+  {
+    // A new record is linked only with its name in it, so no other thread reads it empty.
     std::scoped_lock lock(gIdCacheMutex);
-    adminlib::copyText(rec->name, sizeof rec->name, found);
+    IdCacheRecord* rec = findRecord();
+    if (!rec) {
+      rec = static_cast<IdCacheRecord*>(AllocAndPinMemory(sizeof(IdCacheRecord)));
+      if (rec) {
+        rec->client = *client;
+        rec->stamp = now;
+        adminlib::copyText(rec->name, sizeof rec->name, found);
+        rec->next = gIdCache;
+        gIdCache = rec;
+      }
+    } else {
+      adminlib::copyText(rec->name, sizeof rec->name, found);
+    }
   }
   adminlib::copyText(name, size, found);
   return name;

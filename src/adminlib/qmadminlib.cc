@@ -24,6 +24,7 @@
 
 using adminlib::copyText;
 using adminlib::setError;
+using adminlib::kWalkLimit;
 
 namespace {
 
@@ -165,8 +166,8 @@ int checkNsPrivileged(int handle, char* err) {
   return QMFS_OK;
 }
 
-int disconnect(int handle) {
-  ConListLock lock;
+// Call with con_list_lock held.
+int disconnectLocked(int handle) {
   QMAdminConnection* c = &gConnections[handle];
   if (c->references > 1) {
     --c->references;
@@ -175,6 +176,11 @@ int disconnect(int handle) {
     closeSlot(c);
   }
   return QMFS_OK;
+}
+
+int disconnect(int handle) {
+  ConListLock lock;
+  return disconnectLocked(handle);
 }
 
 int blockSizeOf(int sock, std::uint32_t* blockSize) {
@@ -353,10 +359,12 @@ int QMAdmin_NSConnect(const char* host, char* err) {
 }
 
 int QMAdmin_NSDisconnect(int handle) {
+  if (!QMAdmin_mutex_ready) return -1;
+  ConListLock lock;
   if (!QMAdmin_ready || handle < 0) return -1;
   if (handle >= QMADMIN_MAX_CONNECTIONS) return -2;
   if (gConnections[handle].type != QMADMIN_NS) return -3;
-  return disconnect(handle);
+  return disconnectLocked(handle);
 }
 
 int QMAdmin_FSMConnect(int nsHandle, const QMAdminFsmRecord* rec, char* err) {
@@ -487,7 +495,8 @@ int QMAdmin_NSListService(int handle, int index, QMAdminServiceRecord* rec, char
 int QMAdmin_NSFsmLocate(int handle, const char* fsname, int priority, QMAdminFsmRecord* rec) {
   int sock = slotSocket(handle, QMADMIN_NS);
   if (sock < 0 || !rec || !fsname) return QMFS_ERROR;
-  for (int index = 0;;) {
+  for (int index = 0, steps = 0;; ++steps) {
+    if (steps >= kWalkLimit) return QMFS_ERROR;
     QMAdminFsmRecord r{};
     int s = listFsmAt(sock, index, &r, nullptr);
     // Deliberate: a service that is no FSM is asked for again at the same index.
@@ -559,7 +568,8 @@ int QMAdmin_NSGetProxyConnections(int handle, QMAdminProxyConnection** out) {
   *out = nullptr;
   std::vector<QMAdminProxyConnection> list;
   char err[ADMIN_ERRBUF_LEN];
-  for (int index = 0;;) {
+  for (int index = 0, steps = 0;; ++steps) {
+    if (steps >= kWalkLimit) return QMFS_ERROR;
     std::uint8_t msg[kPmMsgLen] = {};
     int r = FsmPMListProxyConnection(sock, index, msg, err);
     if (r == 2) break;
@@ -622,8 +632,8 @@ int QMAdmin_FSMStop(int handle, const char* fsname, int flag, char* err) {
   if (!fsname) return QMFS_ERROR;
   int sock = gConnections[handle].socket;
   QMAdminFsmRecord rec{};
-  for (int index = 0;;) {
-    int s = listFsmAt(sock, index, &rec, err);
+  for (int index = 0, steps = 0;; ++steps) {
+    int s = steps < kWalkLimit ? listFsmAt(sock, index, &rec, err) : QMFS_ERROR;
     // Deliberate: a service that is no FSM is asked for again at the same index.
     if (s == QMFS_ENOENT) continue;
     if (s != QMFS_OK) {
@@ -659,7 +669,7 @@ int QMAdmin_FSMStopByHost(int handle, const char* fsname, const char* host, char
     addrs.push_back(mapped);
   }
   int sock = gConnections[handle].socket;
-  for (int index = 0;; ++index) {
+  for (int index = 0; index < kWalkLimit; ++index) {
     QMAdminFsmRecord rec{};
     if (listFsmAt(sock, index, &rec, err) != QMFS_OK) break;
     if (std::strncmp(rec.name, fsname, QMADMIN_NAME_LEN) != 0) continue;
