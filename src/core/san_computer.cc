@@ -385,7 +385,14 @@ PropertyList SANComputer::readSearchPolicy() {
 
 PropertyList SANComputer::readUuid() {
   std::string path = configPath("uuid");
-  if (std::optional<std::string> text = readFile(path); text && text->size() >= 36) return text->substr(0, 36);
+  if (std::optional<std::string> text = readFile(path); text && characterCount(*text) >= 36) {
+    // The first 36 characters, not bytes: the file is UTF-8 text.
+    size_t end = 0;
+    for (size_t chars = 0; end < text->size(); ++end) {
+      if ((static_cast<unsigned char>((*text)[end]) & 0xc0) != 0x80 && chars++ == 36) break;
+    }
+    return text->substr(0, end);
+  }
   std::string fresh = newUuidText();
   // Deliberate: a failed write goes unnoticed; the next start makes another identity.
   writeFileAtomically(path, fresh);

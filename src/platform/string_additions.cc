@@ -5,6 +5,7 @@
 
 #include <cctype>
 #include <charconv>
+#include <cstdlib>
 #include <cstring>
 
 namespace velm {
@@ -33,9 +34,9 @@ bool ipAddressIsInSubnet(std::string_view ipAddress, std::string_view subnet) {
   if (slash == std::string_view::npos || subnet.find('/', slash + 1) != std::string_view::npos) return false;
   std::string net(subnet.substr(0, slash));
   std::string_view bitsText = subnet.substr(slash + 1);
-  // Like intValue: leading digits count, anything else reads as 0.
-  int bits = 0;
-  std::from_chars(bitsText.data(), bitsText.data() + bitsText.size(), bits);
+  // Like intValue: leading blanks and a sign are skipped, the leading digits count, anything
+  // else reads as 0.
+  long bits = std::strtol(std::string(bitsText).c_str(), nullptr, 10);
   if (bits < 8 || bits > 32) return false;
   in_addr_t addr = ::inet_addr(std::string(ipAddress).c_str());
   in_addr_t network = ::inet_addr(net.c_str());

@@ -2,6 +2,7 @@
 // Value semantics: copying a PropertyList copies the whole tree.
 #pragma once
 
+#include <concepts>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -80,7 +81,10 @@ class PropertyList {
   PropertyList(std::string s) : v_(std::move(s)) {}
   PropertyList(std::string_view s) : v_(std::string(s)) {}
   PropertyList(const char* s) : v_(std::string(s ? s : "")) {}
-  PropertyList(bool b) : v_(b) {}
+  // Exactly bool: a pointer (such as another dictionary's get()) must not turn into true.
+  template <typename B>
+    requires std::same_as<B, bool>
+  PropertyList(B b) : v_(b) {}
   PropertyList(int i) : v_(PlistInteger{static_cast<std::uint64_t>(static_cast<std::int64_t>(i)), false}) {}
   PropertyList(long i) : v_(PlistInteger{static_cast<std::uint64_t>(static_cast<std::int64_t>(i)), false}) {}
   PropertyList(long long i)

@@ -1,6 +1,7 @@
 // The QMAdmin_ facade: its connection table, lifecycle, result mapping and conversions, against
 // a scripted port mapper and against velm-simpm on loopback (one instance, and two forming one
 // SAN).
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
@@ -648,6 +649,331 @@ TEST_F(QMAdminQuotaTest, NamelessEntrySurfacesAsQuestionMarks) {
   QMAdminQuota rec{};
   EXPECT_EQ(QMAdmin_ListUserQuotas(f, &rec), EINVAL);
   EXPECT_STREQ(rec.name, "????");
+}
+
+// ---- Other FSM-handle calls ----
+
+class QMAdminFsmTest : public QMAdminQuotaTest {
+ protected:
+  static in6_addr ip(const char* text) {
+    in6_addr a{};
+    std::uint8_t v4[4];
+    if (::inet_pton(AF_INET, text, v4) == 1)
+      AddrSetMapped(&a, v4);
+    else
+      ::inet_pton(AF_INET6, text, &a);
+    return a;
+  }
+};
+
+// Flags 1293 = up, metadata, journal, realtime, exclusive. The groups' wire multipath methods
+// run 0..4, then 5, which has no name.
+const char kStripeGroups[] = R"(<key>fsms</key><array>
+<dict><key>name</key><string>vol1</string><key>stripeGroups</key><array>
+<dict><key>name</key><string>meta</string><key>flags</key><integer>1293</integer></dict>
+<dict><key>name</key><string>data1</string><key>flags</key><integer>2</integer>
+ <key>multipath</key><integer>1</integer><key>totalBlocks</key><integer>5000000000</integer>
+ <key>freeBlocks</key><integer>4000000000</integer><key>reservedBlocks</key><integer>7</integer>
+ <key>affinity</key><integer>4294967299</integer><key>devices</key><integer>4</integer>
+ <key>breadth</key><integer>32</integer><key>nativeKey</key><integer>9</integer></dict>
+<dict><key>name</key><string>sg2</string><key>multipath</key><integer>2</integer></dict>
+<dict><key>name</key><string>sg3</string><key>multipath</key><integer>3</integer>
+ <key>setting</key><integer>77</integer></dict>
+<dict><key>name</key><string>sg4</string><key>multipath</key><integer>4</integer></dict>
+<dict><key>name</key><string>sg5</string><key>multipath</key><integer>5</integer></dict>
+</array></dict>
+<dict><key>name</key><string>nostat</string><key>unknownTypes</key><array><integer>2</integer>
+</array><key>stripeGroups</key><array><dict><key>name</key><string>g</string></dict></array></dict>
+</array>
+)";
+
+TEST_F(QMAdminFsmTest, StripeGroupStatMapsFlagsAndMultipath) {
+  writeConfig(kStripeGroups);
+  REQUIRE_SIM();
+  int f = connect("vol1");
+  ASSERT_GE(f, 0);
+  const int methods[] = {1, 3, 2, 4, 5, 0};
+  for (int i = 0; i < 6; ++i) {
+    QMAdminStripeGroup sg{};
+    ASSERT_EQ(QMAdmin_StripeGroupStat(f, i, &sg), 0) << i;
+    EXPECT_EQ(sg.multipathMethod, methods[i]) << i;
+    EXPECT_EQ(sg.number, i + 1);
+    EXPECT_EQ(sg.index, i);
+    EXPECT_EQ(sg.one, 1);
+  }
+  QMAdminStripeGroup sg{};
+  ASSERT_EQ(QMAdmin_StripeGroupStat(f, 0, &sg), 0);
+  EXPECT_STREQ(sg.name, "meta");
+  EXPECT_EQ(sg.up + sg.metadata + sg.journal + sg.realtime + sg.exclusive, 5);
+  ASSERT_EQ(QMAdmin_StripeGroupStat(f, 1, &sg), 0);
+  EXPECT_STREQ(sg.name, "data1");
+  EXPECT_EQ(sg.up + sg.metadata + sg.journal + sg.realtime + sg.exclusive, 0);
+  EXPECT_EQ(sg.totalBlocks, 5000000000u);  // 64-bit counts survive
+  EXPECT_EQ(sg.freeBlocks, 4000000000u);
+  EXPECT_EQ(sg.reservedBlocks, 7u);
+  EXPECT_EQ(sg.affinity, 3u);  // the low word only
+  EXPECT_EQ(sg.devices, 4);
+  EXPECT_EQ(sg.breadth, 32u);
+  EXPECT_EQ(sg.nativeKey, 9u);
+
+  // A failed read still leaves a cleared record behind.
+  EXPECT_EQ(QMAdmin_StripeGroupStat(f, 6, &sg), -1);
+  EXPECT_EQ(sg.name[0], '\0');
+  EXPECT_EQ(QMAdmin_StripeGroupStat(ns_, 0, &sg), -1);
+}
+
+TEST_F(QMAdminFsmTest, UpAndDownKeepTheGroupsOwnSettings) {
+  writeConfig(kStripeGroups);
+  REQUIRE_SIM();
+  int f = connect("vol1");
+  ASSERT_GE(f, 0);
+  EXPECT_EQ(QMAdmin_UpStripeGroup(f, 0), QMFS_EEXIST);
+  EXPECT_EQ(QMAdmin_DownStripeGroup(f, 1), QMFS_EEXIST);
+  EXPECT_EQ(QMAdmin_UpStripeGroup(f, 9), -1);
+  EXPECT_EQ(QMAdmin_DownStripeGroup(f, 9), -1);
+
+  // The wire method goes back as it came, not the facade's number for it.
+  ASSERT_EQ(QMAdmin_DownStripeGroup(f, 3), 0);
+  QMAdminStripeGroup sg{};
+  ASSERT_EQ(QMAdmin_StripeGroupStat(f, 3, &sg), 0);
+  EXPECT_EQ(sg.up, 0);
+  EXPECT_EQ(sg.multipathMethod, 4);
+  EXPECT_EQ(QMAdmin_DownStripeGroup(f, 3), QMFS_EEXIST);
+  ASSERT_EQ(QMAdmin_UpStripeGroup(f, 3), 0);
+  ASSERT_EQ(QMAdmin_StripeGroupStat(f, 3, &sg), 0);
+  EXPECT_EQ(sg.up, 1);
+  EXPECT_EQ(sg.multipathMethod, 4);
+  EXPECT_TRUE(sim().waitForText("stripe group 3 'sg3' up"));
+
+  ASSERT_EQ(QMAdmin_UpStripeGroup(f, 1), 0);
+  ASSERT_EQ(QMAdmin_StripeGroupStat(f, 1, &sg), 0);
+  EXPECT_EQ(sg.up, 1);
+}
+
+TEST_F(QMAdminFsmTest, UpAsksAboutPrivilegeAfterTheStatisticsDownBeforeAll) {
+  writeConfig(kStripeGroups);
+  REQUIRE_SIM();
+  int f = connect("vol1");
+  ASSERT_GE(f, 0);
+  QMAdminFsmRecord rec{};
+  ASSERT_EQ(QMAdmin_NSFsmLocate(ns_, "nostat", -1, &rec), 0);
+  char err[ADMIN_ERRBUF_LEN] = {};
+  int nostat = QMAdmin_FSMConnect(ns_, &rec, err);
+  ASSERT_GE(nostat, 0) << err;
+
+  QMAdmin_SetPrivilegedForTest(0);
+  EXPECT_EQ(QMAdmin_UpStripeGroup(f, 1), QMFS_EPERM);
+  EXPECT_EQ(QMAdmin_DownStripeGroup(f, 0), QMFS_EPERM);
+  // A bad handle or an unreadable statistics record is found before the privilege by Up only.
+  EXPECT_EQ(QMAdmin_UpStripeGroup(QMADMIN_MAX_CONNECTIONS, 0), -1);
+  EXPECT_EQ(QMAdmin_DownStripeGroup(QMADMIN_MAX_CONNECTIONS, 0), QMFS_EPERM);
+  EXPECT_EQ(QMAdmin_UpStripeGroup(nostat, 0), -1);
+  EXPECT_EQ(QMAdmin_DownStripeGroup(nostat, 0), QMFS_EPERM);
+  QMAdmin_SetPrivilegedForTest(1);
+  EXPECT_EQ(QMAdmin_UpStripeGroup(nostat, 0), -1);  // that -1 came from the statistics
+  QMAdminStripeGroup sg{};
+  ASSERT_EQ(QMAdmin_StripeGroupStat(f, 1, &sg), 0);
+  EXPECT_EQ(sg.up, 0);
+  EXPECT_EQ(sim().stderrText().find("stripe group"), std::string::npos);
+}
+
+TEST_F(QMAdminFsmTest, ClientListPutsTheClientsAddressFirst) {
+  const std::string clients = R"(<key>clients</key><array>
+<dict><key>flags</key><integer>0</integer><key>address</key><string>10.0.0.1</string></dict>
+<dict><key>index</key><integer>2</integer><key>type</key><integer>5</integer>
+ <key>uptime</key><integer>99</integer><key>address</key><string>10.1.2.3</string>
+ <key>text</key><string>host-b</string></dict>
+<dict><key>index</key><integer>3</integer><key>flags</key><integer>0</integer></dict>
+<dict><key>index</key><integer>4</integer><key>flags</key><integer>1</integer>
+ <key>address</key><string>fe80::1</string></dict>
+</array>)";
+  writeConfig("<key>fsms</key><array>\n<dict><key>name</key><string>vol1</string>" + clients +
+              "</dict>\n<dict><key>name</key><string>old</string><key>unknownTypes</key><array>"
+              "<integer>22</integer></array>" +
+              clients + "</dict>\n<dict><key>name</key><string>empty</string></dict>\n</array>\n");
+  REQUIRE_SIM();
+  int f = connect("vol1");
+  ASSERT_GE(f, 0);
+  QMAdminClient* list = nullptr;
+  // Slot 0 counts even when free; free slots past it don't.
+  ASSERT_EQ(QMAdmin_GetClientList(f, &list), 3);
+  ASSERT_NE(list, nullptr);
+  EXPECT_EQ(list[0].index, 0u);
+  EXPECT_EQ(list[1].index, 2u);
+  EXPECT_EQ(list[2].index, 4u);
+  in6_addr a = ip("10.1.2.3"), zero{};
+  EXPECT_EQ(std::memcmp(list[1].addr, &a, 16), 0);
+  EXPECT_EQ(std::memcmp(list[1].addr1, &zero, 16), 0);
+  EXPECT_EQ(list[1].type, 5u);
+  EXPECT_EQ(list[1].uptime, 99u);
+  EXPECT_STREQ(list[1].text, "host-b");
+  a = ip("fe80::1");
+  EXPECT_EQ(std::memcmp(list[2].addr, &a, 16), 0);
+  QMAdmin_FreeClientList(list);
+
+  // The older record carries an IPv4 address only, and it lands in the same place.
+  int old = connect("old");
+  ASSERT_GE(old, 0);
+  ASSERT_EQ(QMAdmin_GetClientList(old, &list), 3);
+  a = ip("10.1.2.3");
+  EXPECT_EQ(std::memcmp(list[1].addr, &a, 16), 0);
+  EXPECT_EQ(std::memcmp(list[2].addr, &zero, 16), 0);
+  QMAdmin_FreeClientList(list);
+
+  int empty = connect("empty");
+  ASSERT_GE(empty, 0);
+  list = reinterpret_cast<QMAdminClient*>(&a);
+  EXPECT_EQ(QMAdmin_GetClientList(empty, &list), 0);
+  EXPECT_EQ(list, nullptr);
+  EXPECT_EQ(QMAdmin_GetClientList(QMADMIN_MAX_CONNECTIONS, &list), -1);
+}
+
+TEST_F(QMAdminFsmTest, ProxyWalkStartsOverWhenTheListChanges) {
+  writeConfig(R"(<key>proxyListChangesOnce</key><true/><key>proxies</key><array>
+<dict><key>name</key><string>p0</string><key>address1</key><string>10.0.0.1</string>
+ <key>address2</key><string>10.0.0.2</string><key>port</key><integer>4000</integer>
+ <key>counter1</key><integer>5000000000</integer><key>counter2</key><integer>7</integer></dict>
+<dict><key>name</key><string>p1</string></dict>
+<dict><key>name</key><string>p2</string></dict>
+</array>
+)");
+  REQUIRE_SIM();
+  char err[ADMIN_ERRBUF_LEN] = {};
+  int h = QMAdmin_NSConnect("127.0.0.1", err);
+  ASSERT_GE(h, 0) << err;
+  QMAdminProxyConnection* list = nullptr;
+  ASSERT_EQ(QMAdmin_NSGetProxyConnections(h, &list), 3);  // not 4: p0 is not kept twice
+  EXPECT_TRUE(sim().waitForText("list changed"));
+  EXPECT_STREQ(list[0].name, "p0");
+  EXPECT_STREQ(list[1].name, "p1");
+  EXPECT_STREQ(list[2].name, "p2");
+  in6_addr a1 = ip("10.0.0.1"), a2 = ip("10.0.0.2");
+  EXPECT_EQ(std::memcmp(&list[0].addr1, &a1, 16), 0);
+  EXPECT_EQ(std::memcmp(&list[0].addr2, &a2, 16), 0);
+  EXPECT_EQ(list[0].port, 4000);
+  EXPECT_EQ(list[0].counter1, 5000000000u);
+  EXPECT_EQ(list[0].counter2, 7u);
+  QMAdmin_NSFreeProxyConnections(list);
+  EXPECT_EQ(QMAdmin_NSGetProxyConnections(h, nullptr), -1);
+  EXPECT_EQ(QMAdmin_NSDisconnect(h), 0);
+}
+
+TEST_F(QMAdminFsmTest, DiskWalkSeesAChangedList) {
+  writeConfig(R"(<key>disks</key><array>
+<dict><key>label</key><string>lun0</string></dict><dict><key>label</key><string>lun1</string></dict>
+</array>
+)");
+  REQUIRE_SIM();
+  char err[ADMIN_ERRBUF_LEN] = {};
+  int h = QMAdmin_NSConnect("127.0.0.1", err);
+  ASSERT_GE(h, 0) << err;
+  QMAdminDisk disk{};
+  int n = 0;
+  std::uint32_t gen = 0;
+  ASSERT_EQ(QMAdmin_NSGetDisks(h, 0, 1, &disk, &n, &gen, err), 0) << err;
+  EXPECT_EQ(n, 1);
+  std::uint32_t first = gen;
+  ASSERT_EQ(QMAdmin_NSRefreshDisks(h), 0);
+  EXPECT_EQ(QMAdmin_NSGetDisks(h, 1, 1, &disk, &n, &gen, err), QMFS_ECHANGED);
+  EXPECT_NE(gen, first);  // the new generation, for the walk that starts over
+  ASSERT_EQ(QMAdmin_NSGetDisks(h, 1, 1, &disk, &n, &gen, err), 0) << err;
+  EXPECT_STREQ(disk.label, "lun1");
+  EXPECT_EQ(QMAdmin_NSDisconnect(h), 0);
+}
+
+TEST_F(QMAdminFsmTest, QuotaStateAndRebuild) {
+  writeConfig(kQuotaFsm);
+  REQUIRE_SIM();
+  int f = connect("vol1");
+  int off = connect("vol2");
+  ASSERT_GE(f, 0);
+  ASSERT_GE(off, 0);
+  EXPECT_EQ(QMAdmin_GetQuotasState(f), 1);
+  EXPECT_EQ(QMAdmin_GetQuotasState(off), 0);
+  ASSERT_EQ(QMAdmin_SetQuotasState(f, 0), 0);
+  EXPECT_EQ(QMAdmin_GetQuotasState(f), 0);
+  QMAdminFsStat st{};
+  ASSERT_EQ(QMAdmin_FSMStat(f, &st), 0);
+  EXPECT_EQ(st.quotas, 0);
+  ASSERT_EQ(QMAdmin_SetQuotasState(f, 5), 0);  // any non-zero turns them on
+  EXPECT_EQ(QMAdmin_GetQuotasState(f), 1);
+  EXPECT_EQ(QMAdmin_RebuildQuotaDatabase(f), 0);
+  // A refused rebuild is told in the reply's word and error, which the facade doesn't read.
+  EXPECT_EQ(QMAdmin_RebuildQuotaDatabase(off), 0);
+
+  QMAdmin_SetPrivilegedForTest(0);
+  EXPECT_EQ(QMAdmin_SetQuotasState(f, 0), QMFS_EPERM);
+  EXPECT_EQ(QMAdmin_RebuildQuotaDatabase(f), QMFS_EPERM);
+  EXPECT_EQ(QMAdmin_GetQuotasState(f), 1);
+  EXPECT_EQ(QMAdmin_GetQuotasState(ns_), -1);
+  EXPECT_EQ(QMAdmin_SetQuotasState(ns_, 1), -1);
+}
+
+TEST_F(QMAdminFsmTest, DebugBrlsQosAndCommands) {
+  writeConfig(R"(<key>fsms</key><array>
+<dict><key>name</key><string>vol1</string><key>debug</key><integer>16</integer>
+ <key>brls</key><integer>3</integer><key>qos</key><array><array><integer>1</integer>
+ <integer>2</integer><integer>3</integer><integer>4</integer><integer>5</integer>
+ <integer>6</integer><integer>7</integer><integer>8</integer><integer>9</integer>
+ <integer>10</integer></array></array></dict>
+<dict><key>name</key><string>vol2</string><key>debugReadOnly</key><true/></dict>
+</array>
+)");
+  REQUIRE_SIM();
+  int f = connect("vol1");
+  int ro = connect("vol2");
+  ASSERT_GE(f, 0);
+  ASSERT_GE(ro, 0);
+  std::uint32_t word = 0;
+  ASSERT_EQ(QMAdmin_FSMGetDebug(f, &word), 0);
+  EXPECT_EQ(word, 16u);
+  ASSERT_EQ(QMAdmin_FSMSetDebug(f, 0x20), 0);
+  ASSERT_EQ(QMAdmin_FSMGetDebug(f, &word), 0);
+  EXPECT_EQ(word, 0x20u);
+  // An FSM that keeps its old value fails the set.
+  EXPECT_EQ(QMAdmin_FSMSetDebug(ro, 1), -1);
+  ASSERT_EQ(QMAdmin_FSMGetDebug(ro, &word), 0);
+  EXPECT_EQ(word, 0u);
+
+  EXPECT_EQ(QMAdmin_GetBrlsState(f), 1);
+  EXPECT_EQ(QMAdmin_GetBrlsState(ro), 0);
+
+  QMAdminQos qos{};
+  ASSERT_EQ(QMAdmin_QosStat(f, 0, &qos), 0);
+  for (std::uint32_t i = 0; i < 10; ++i) EXPECT_EQ(qos.word[i], i + 1);
+  EXPECT_EQ(QMAdmin_QosStat(f, 1, &qos), -1);
+
+  EXPECT_EQ(QMAdmin_FSMSuspendCreates(f, 7), 0);
+  EXPECT_TRUE(sim().waitForText("fsm 'vol1': suspend creates 7"));
+  EXPECT_EQ(QMAdmin_FsmResetRPL(f), 0);
+  EXPECT_TRUE(sim().waitForText("fsm 'vol1': RPL reset"));
+
+  // None of them goes to a port mapper.
+  EXPECT_EQ(QMAdmin_FSMGetDebug(ns_, &word), -1);
+  EXPECT_EQ(QMAdmin_FSMSetDebug(ns_, 1), -1);
+  EXPECT_EQ(QMAdmin_GetBrlsState(ns_), -1);
+  EXPECT_EQ(QMAdmin_QosStat(ns_, 0, &qos), -1);
+  EXPECT_EQ(QMAdmin_FSMSuspendCreates(ns_, 7), -1);
+  EXPECT_EQ(QMAdmin_FsmResetRPL(ns_), -1);
+}
+
+TEST_F(QMAdminFsmTest, DecodeIdAsksThePortMapperOnce) {
+  writeConfig(R"(<key>clients</key><array>
+<dict><key>address</key><string>10.9.8.7</string><key>name</key><string>render-7</string></dict>
+</array>
+)");
+  REQUIRE_SIM();
+  FsmPMDecodeIDResetForTest();
+  in6_addr client = ip("10.9.8.7"), pm = ip("127.0.0.1");
+  char name[64] = "x";
+  EXPECT_STREQ(QMAdmin_DecodeID(&client, &pm, name, sizeof name), "render-7");
+  std::memset(name, 0, sizeof name);
+  EXPECT_STREQ(QMAdmin_DecodeID(&client, &pm, name, sizeof name), "render-7");
+  std::string log = sim().stderrText();
+  std::size_t first = log.find("query id");
+  ASSERT_NE(first, std::string::npos) << log;
+  EXPECT_EQ(log.find("query id", first + 1), std::string::npos) << log;  // the second was cached
+  FsmPMDecodeIDResetForTest();
 }
 
 // ---- A SAN of two port mappers ----

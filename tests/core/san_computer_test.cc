@@ -80,6 +80,16 @@ TEST_F(SANComputerTest, IdentityKeepsTheFirst36CharactersOrMakesANewOne) {
   EXPECT_EQ(fresh.size(), 36u);
   EXPECT_NE(fresh, id37.substr(0, 36));
   EXPECT_EQ(sandbox_.read(kConfig + "uuid"), fresh);
+
+  // Characters, not bytes: 36 two-byte characters are an identity, 35 are not.
+  SANComputer::resetForTest();
+  std::string wide;
+  for (int i = 0; i < 37; ++i) wide += "\xC3\xA9";
+  sandbox_.write(kConfig + "uuid", wide);
+  EXPECT_EQ(*computer().uuid().asString(), wide.substr(0, 72));
+  SANComputer::resetForTest();
+  sandbox_.write(kConfig + "uuid", wide.substr(0, 70));
+  EXPECT_EQ(computer().uuid().asString()->size(), 36u);
 }
 
 TEST_F(SANComputerTest, PluginStartCreatesTheIdentityFile) {

@@ -15,6 +15,9 @@ TEST(StringAdditions, SubnetMatchingIsStrictAboutTheNetworkText) {
       {"10.1.2.3", "10.1.2.3/8", false},   {"10.1.2.3", "10.1.2.3/32", true},
       {"11.0.0.1", "10.0.0.0/8", false},   {"10.1.2.3", "10.0.0.0/8/1", false},
       {"192.168.5.9", "192.168.4.0/23", true},
+      // The prefix reads as an integer does: blanks and a sign before it, text after it.
+      {"10.1.2.3", "10.0.0.0/ 8", true},   {"10.1.2.3", "10.0.0.0/+8x", true},
+      {"10.1.2.3", "10.0.0.0/x8", false},  {"10.1.2.3", "10.0.0.0/99999999999", false},
   };
   for (const auto& r : rows) EXPECT_EQ(ipAddressIsInSubnet(r.ip, r.subnet), r.in) << r.ip << " " << r.subnet;
 }
