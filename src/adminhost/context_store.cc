@@ -66,7 +66,8 @@ PropertyList loadPluginContext(const std::string& plugin) {
     return PropertyList::dict();
   }
   if (!pathExists(path)) {
-    NLog("adminhost: no saved context for plugin %s at %s, starting empty", plugin, path);
+    // Always logged, as the corrupt case is: a first start is worth a line, logging on or off.
+    logNoticeLine(format("adminhost: no saved context for plugin %s at %s, starting empty", plugin, path));
     return PropertyList::dict();
   }
   PlistReadOptions options;

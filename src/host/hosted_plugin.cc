@@ -152,8 +152,6 @@ std::vector<std::unique_ptr<HostedPlugin>> loadPluginsFromDirectory(const std::s
       continue;
     }
     residentPlugins().push_back(handler);
-    std::string contextPath = pluginContextPath(name);
-    if (!pathExists(contextPath)) HostLog("plugin %s has no saved context at %s; it starts empty", name, contextPath);
     plugins.push_back(std::make_unique<HostedPlugin>(name, handler, std::move(lockFd), loadPluginContext(name)));
     HostLog("loaded plugin %s from %s", name, path);
   }

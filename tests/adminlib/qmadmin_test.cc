@@ -969,6 +969,8 @@ TEST_F(QMAdminFsmTest, DecodeIdAsksThePortMapperOnce) {
   EXPECT_STREQ(QMAdmin_DecodeID(&client, &pm, name, sizeof name), "render-7");
   std::memset(name, 0, sizeof name);
   EXPECT_STREQ(QMAdmin_DecodeID(&client, &pm, name, sizeof name), "render-7");
+  // The stand-in logs after it answers: wait for the line before reading the whole log.
+  ASSERT_TRUE(sim().waitForText("query id"));
   std::string log = sim().stderrText();
   std::size_t first = log.find("query id");
   ASSERT_NE(first, std::string::npos) << log;
