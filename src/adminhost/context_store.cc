@@ -8,7 +8,7 @@
 
 #include "platform/clock.h"
 #include "platform/files.h"
-#include "platform/log.h"
+#include "adminhost/host_log.h"
 #include "platform/paths.h"
 
 namespace velm {
@@ -62,12 +62,12 @@ std::string pluginContextPath(const std::string& plugin) {
 PropertyList loadPluginContext(const std::string& plugin) {
   std::string path = pluginContextPath(plugin);
   if (path.empty()) {
-    NError("adminhost: bad plugin name '%s', its context starts empty", plugin);
+    HostLog("bad plugin name '%s', its context starts empty", plugin);
     return PropertyList::dict();
   }
   if (!pathExists(path)) {
     // Always logged, as the corrupt case is: a first start is worth a line, logging on or off.
-    logNoticeLine(format("adminhost: no saved context for plugin %s at %s, starting empty", plugin, path));
+    HostLog("no saved context for plugin %s at %s, starting empty", plugin, path);
     return PropertyList::dict();
   }
   PlistReadOptions options;
@@ -80,10 +80,10 @@ PropertyList loadPluginContext(const std::string& plugin) {
   }
   std::string aside;
   if (int err = keepAside(path, &aside); err != 0) {
-    NError("adminhost: context of plugin %s at %s is unreadable (%s) and could not be kept aside: %s; starting empty",
+    HostLog("context of plugin %s at %s is unreadable (%s) and could not be kept aside: %s; starting empty",
            plugin, path, r.error, std::strerror(err));
   } else {
-    NError("adminhost: context of plugin %s at %s is unreadable (%s); kept as %s, starting empty",
+    HostLog("context of plugin %s at %s is unreadable (%s); kept as %s, starting empty",
            plugin, path, r.error, aside);
   }
   return PropertyList::dict();

@@ -26,6 +26,14 @@ LaunchResult launch_task_with_input(const std::string& path, const std::vector<s
                                     std::string_view input,
                                     const std::map<std::string, std::string>& env = {});
 
+// The process table ($VELM_PROCFS): a process's name is the base name of its argv[0], else its
+// comm. A process lives while it can be signalled and is no zombie.
+// The pid of a living process of that name, or -1.
+int ec_pid_for_process_named(const std::string& name);
+// pid when a living process of that number has that name, else -1.
+int ec_check_pid_for_process_named(const std::string& name, int pid);
+bool ec_check_process_by_pid(int pid);
+
 // One dictionary per interface address: family ("AF_INET", "AF_INET6"), ipAddress, name,
 // subnetMask, userDefinedName, plus macAddress and flags where known.
 PropertyList get_interfaces_info();

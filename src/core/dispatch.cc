@@ -31,6 +31,8 @@ const std::map<std::string_view, VelmPlugin::Handler>& handlers() {
       {"getStateWithRequest:", &VelmPlugin::getStateWithRequest},
       {"getComputerPropertiesWithRequest:", &VelmPlugin::getComputerPropertiesWithRequest},
       {"readSettingsWithRequest:", &VelmPlugin::readSettingsWithRequest},
+      {"getLUNsWithRequest:", &VelmPlugin::getLUNsWithRequest},
+      {"refreshLUNsWithRequest:", &VelmPlugin::refreshLUNsWithRequest},
       {"testPerformanceWithRequest:", &VelmPlugin::testPerformanceWithRequest},
   };
   return table;

@@ -3,6 +3,7 @@
 #include <stdexcept>
 
 #include "core/san_computer.h"
+#include "gateway/san_filesystem.h"
 #include "core/velm_plugin.h"
 #include "platform/clock.h"
 #include "platform/files.h"
@@ -94,7 +95,9 @@ std::optional<PropertyList> VelmPlugin::getComputerPropertiesWithRequest(const P
     computer.clearCache();
     return std::nullopt;
   }
-  PropertyList luns;  // visible LUNs come from the file-system gateway when asked for
+  PropertyList luns;
+  const PropertyList* include = request.get("includeLUNs");
+  if (include && include->boolValue()) luns = SANFilesystem::localFilesystem().visibleLUNs();
   std::optional<PropertyList> health = buildClientHealth();
   PropertyList properties = computer.propertiesCopy();
   return dictionaryWithValuesAndKeys({{&properties, "properties"},

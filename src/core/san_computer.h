@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "core/cached_object.h"
+#include "model/cached_object.h"
 
 namespace velm {
 

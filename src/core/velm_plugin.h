@@ -40,6 +40,8 @@ class VelmPlugin : public PluginRequestHandler {
   std::optional<PropertyList> readSettingsWithRequest(const PropertyList& request);
   std::optional<PropertyList> testPerformanceWithRequest(const PropertyList& request);
   std::optional<PropertyList> getComputerPropertiesWithRequest(const PropertyList& request);
+  std::optional<PropertyList> getLUNsWithRequest(const PropertyList& request);
+  std::optional<PropertyList> refreshLUNsWithRequest(const PropertyList& request);
 
  private:
   std::optional<PropertyList> refuse(const char* text);

@@ -8,7 +8,7 @@
 #include <cstdint>
 
 #include "platform/files.h"
-#include "platform/log.h"
+#include "host/host_log.h"
 #include "platform/unique_fd.h"
 
 namespace velm {
@@ -53,7 +53,7 @@ AdminToken loadOrCreateAdminToken(const std::string& path) {
   if (fd) {
     struct stat st {};
     if (::fstat(fd.get(), &st) == 0 && (st.st_mode & 077) != 0) {
-      NError("adminhostd: %s was readable by others; setting it to mode 0600", path);
+      HostLog("%s was readable by others; setting it to mode 0600", path);
       if (::fchmod(fd.get(), 0600) != 0) {
         result.status = errno;
         return result;

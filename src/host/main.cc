@@ -40,6 +40,7 @@ void onSignal(int signo) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  velm::setHostLogName("adminhostd");
   velm::HostOptionsResult parsed = velm::parseHostOptions(std::vector<std::string>(argv + 1, argv + argc));
   if (parsed.status != 0) {
     std::fprintf(stderr, "adminhostd: %s\n%s", parsed.error.c_str(), velm::kHostUsage);

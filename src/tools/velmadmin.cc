@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "adminhost/host_log.h"
 #include "adminhost/context_store.h"
 #include "adminhost/plugin_request_handler.h"
 #include "platform/files.h"
@@ -105,6 +106,7 @@ std::optional<velm::PropertyList> runLocal(const velm::PropertyList& request) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  velm::setHostLogName("velmadmin");
   std::vector<std::string> args(argv + 1, argv + argc);
   if (!args.empty() && args[0] == "config") return velmadminConfigMain(argc - 1, argv + 1);
 

@@ -1,4 +1,4 @@
-#include "core/cached_object.h"
+#include "model/cached_object.h"
 
 #include <gtest/gtest.h>
 

@@ -55,7 +55,7 @@ TEST_F(DispatchTest, MalformedCommandsAreRefusedWithoutResponseOrLockFdChange) {
       {command("GETSTATE"), "Command to dispatch is unknown"},
       {command("testPerformance"), "Command to dispatch is unknown"},
       {command("tailFile"), "Does not respond to tailFileWithRequest:"},
-      {command("getLUNs"), "Does not respond to getLUNsWithRequest:"},
+      {command("getVolumes"), "Does not respond to getVolumesWithRequest:"},
   };
   for (const Case& c : cases) {
     log_.clear();

@@ -1,0 +1,90 @@
+// SANFilesystem: this machine's view of the SAN file system: the volume configurations here, the
+// LUNs it sees, which volumes are mounted and where, and the link to velmd. A singleton; callers
+// hold the plugin lock (the LUN identification table has its own monitor).
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "model/cached_object.h"
+#include "model/plugin_status.h"
+
+namespace velm {
+
+class SANFilesystem : public CachedObject {
+ public:
+  static constexpr int kMountFailed = kStatusMountFailed;
+  static constexpr int kUnmountFailed = kStatusUnmountFailed;
+
+  // The singleton, created on first use under the creation lock.
+  static SANFilesystem& localFilesystem();
+  // Drops the singleton so the next localFilesystem() builds a fresh one (tests only).
+  static void resetForTest();
+
+  // Volume dictionaries of the config files that parse.
+  PropertyList volumes() { return objectValueForKey("volumes"); }
+  // Device name to LUN record, as the label tool prints them.
+  PropertyList visibleLUNs() { return objectValueForKey("visibleLUNs"); }
+
+  // The first of volumes() whose Name is name; nothing when none.
+  std::optional<PropertyList> volumeNamed(std::string_view name);
+  // True when the config directory lists "<name>.cfg", whether or not it parses.
+  bool doesExistVolumeNamed(std::string_view name);
+  // True when the local port mapper lists an FSM of that name. Takes the QMAdmin lock.
+  bool isRunningVolumeNamed(std::string_view name);
+  bool isFsmpmRunning();
+  // True when the record's VolumeStats.Host names this machine (by a name or an address).
+  bool areWePrimaryControllerWithDict(const PropertyList& volumeRecord);
+
+  // 0 not mounted, 1 read-only, 2 read-write.
+  int volumeMountState(std::string_view name);
+  // The mount point, read afresh from the disk description table; nothing when not mounted.
+  std::optional<std::string> pathForVolume(std::string_view name);
+  // 0 when the volume doesn't enable it, -1 on any failure, else the driver's level.
+  long long lumexSearchLevelForVolume(std::string_view name);
+
+  // Locks the table and rebuilds it from the volume event service; the caller must release it.
+  const PropertyList& acquireDiskDescriptionTable();
+  void releaseDiskDescriptionTable();
+
+  // ---- velmd ----
+  // The reply, or nothing on any failure of the exchange (logged).
+  std::optional<PropertyList> doVelmdManagementRpcWithCommand(const PropertyList& command);
+  bool disksChanged();
+  // Both also restart the admin library, under the QMAdmin lock.
+  bool roleChanged();
+  bool sanConfigChanged();
+  // 0, or kMountFailed / kUnmountFailed. Null options send no MountOptions.
+  int mountVolumeNamed(std::string_view name, bool writable, const PropertyList* options);
+  int unmountVolumeNamed(std::string_view name, bool forget);
+  // The driver's RPC on a mounted volume: 0 or an errno value (ENOENT when not mounted).
+  int doLumexRpcForVolume(std::string_view name, const void* command, std::uint32_t commandLength,
+                          void* reply, std::uint32_t maxReplyLength, std::uint32_t* replyLength);
+
+ protected:
+  PlistArray readValidKeys() override;
+
+ private:
+  SANFilesystem();
+  PropertyList readVolumes();
+  PropertyList readVisibleLUNs();
+  void updateDiskDescriptionTable();
+  bool notifyAndRestartAdminLibrary(const char* caller, std::string_view command);
+
+  // Device name to the date of its last identification request; guarded by lunLock_.
+  PropertyList lunIdentificationDict_ = PropertyList::dict();
+  std::mutex lunLock_;  // the monitor of lunIdentificationDict_; a leaf
+  // Volume name to its description; guarded by diskDescriptionTableLock_.
+  PropertyList diskDescriptionTable_ = PropertyList::dict();
+  // Third in the lock order, after the plugin lock and the QMAdmin lock.
+  std::mutex diskDescriptionTableLock_;
+};
+
+// The label tool's -x output as the visibleLUNs dictionary: records whose LabelType is absent,
+// "QMFS-EFI" or "QMFS-VTOC" (exactly); empty when the text is not a plist dictionary.
+PropertyList visibleLUNsFromLabelOutput(std::string_view output);
+
+}  // namespace velm
