@@ -79,6 +79,36 @@ std::optional<PropertyList> parseVelmdReply(std::string_view buffer) {
   return std::move(*r.value);
 }
 
+std::optional<std::string> receiveVelmdReply(int fd, const char* fn) {
+  std::string reply;
+  char piece[kReadSize];
+  while (true) {
+    // Deliberate: no time limit. A velmd that takes the request and never answers holds this
+    // command, and the plugin lock with it. poll stands in for select, which can't take an fd
+    // past FD_SETSIZE.
+    pollfd p{fd, POLLIN, 0};
+    int ready = ::poll(&p, 1, -1);
+    if (ready < 0) {
+      if (errno == EINTR) continue;
+      NError("%s: error waiting for reply: %s", fn, std::strerror(errno));
+      return std::nullopt;
+    }
+    if (ready == 0) continue;
+    ssize_t got = ::read(fd, piece, sizeof piece);
+    if (got < 0) {
+      if (errno == EINTR || errno == EAGAIN) continue;
+      NError("%s: error reading reply: %s", fn, std::strerror(errno));
+      return std::nullopt;
+    }
+    if (got == 0) {
+      NError("%s: unexpected EOF reading reply", fn);
+      return std::nullopt;
+    }
+    reply.append(piece, static_cast<size_t>(got));
+    if (velmdReplyIsComplete(reply)) return reply;
+  }
+}
+
 std::optional<PropertyList> SANFilesystem::doVelmdManagementRpcWithCommand(
     const PropertyList& command) {
   const char* fn = __func__;
@@ -121,33 +151,9 @@ std::optional<PropertyList> SANFilesystem::doVelmdManagementRpcWithCommand(
     return std::nullopt;
   }
 
-  std::string reply;
-  char piece[kReadSize];
-  while (true) {
-    // Deliberate: no time limit. A velmd that takes the request and never answers holds this
-    // command, and the plugin lock with it. poll stands in for select, which can't take an fd
-    // past FD_SETSIZE.
-    pollfd p{fd.get(), POLLIN, 0};
-    int ready = ::poll(&p, 1, -1);
-    if (ready < 0) {
-      if (errno == EINTR) continue;
-      NError("%s: error waiting for reply: %s", fn, std::strerror(errno));
-      return std::nullopt;
-    }
-    if (ready == 0) continue;
-    ssize_t got = ::read(fd.get(), piece, sizeof piece);
-    if (got < 0) {
-      if (errno == EINTR || errno == EAGAIN) continue;
-      NError("%s: error reading reply: %s", fn, std::strerror(errno));
-      return std::nullopt;
-    }
-    if (got == 0) {
-      NError("%s: unexpected EOF reading reply", fn);
-      return std::nullopt;
-    }
-    reply.append(piece, static_cast<size_t>(got));
-    if (velmdReplyIsComplete(reply)) break;
-  }
+  std::optional<std::string> received = receiveVelmdReply(fd.get(), fn);
+  if (!received) return std::nullopt;
+  const std::string& reply = *received;
   fd.reset();
 
   std::optional<PropertyList> answer = parseVelmdReply(reply);

@@ -18,6 +18,10 @@ std::string velmdSocketPath();
 // EOF.
 bool velmdReplyIsComplete(std::string_view buffer);
 
+// Reads a reply from a non-blocking socket until it is complete: the bytes, or nothing when the
+// peer closes first or a read fails (logged as fn's).
+std::optional<std::string> receiveVelmdReply(int fd, const char* fn);
+
 // The reply decoded as UTF-8 and read as an XML property-list dictionary; nothing when it is not
 // UTF-8 or not such a dictionary. Trailing NULs are ignored.
 std::optional<PropertyList> parseVelmdReply(std::string_view buffer);
