@@ -1,0 +1,1 @@
+add_dependencies(velmd_bench velm-simd)
