@@ -76,6 +76,8 @@ std::string readReply(int fd) {
 }
 
 bool startSim() {
+  // Before the sandbox's procfs takes the place of the real one.
+  std::string path = binDir() + "/velm-simd";
   char tmpl[] = "/tmp/velmd-bench-XXXXXX";
   if (!::mkdtemp(tmpl)) return false;
   gRoot = tmpl;
@@ -83,7 +85,6 @@ bool startSim() {
   ::setenv("VELM_PROCFS", (gRoot + "/proc").c_str(), 1);
   ::setenv("VELM_LOG", "/dev/null", 1);
   velm::resetPathsForTest();
-  std::string path = binDir() + "/velm-simd";
   std::string log = gRoot + "/simd.log";
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
@@ -129,7 +130,8 @@ bool startEcho() {
   sockaddr_un a{};
   a.sun_family = AF_UNIX;
   std::strncpy(a.sun_path, gEchoPath.c_str(), sizeof a.sun_path - 1);
-  if (::bind(gEchoListen, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(gEchoListen, 64) != 0)
+  if (::bind(gEchoListen, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 ||
+      ::listen(gEchoListen, 64) != 0)
     return false;
   gEchoThread = std::thread([] {
     while (true) {
@@ -193,7 +195,8 @@ int main(int argc, char** argv) {
   auto floor = gNsPerIteration.find("BM_UnixSocketEcho");
   auto ours = gNsPerIteration.find("BM_VelmdSanConfigChanged");
   if (floor != gNsPerIteration.end() && ours != gNsPerIteration.end() && floor->second > 0) {
-    std::printf("\nper request (microseconds)           ours     floor   ratio  (target <= 2.00)\n");
+    std::printf(
+        "\nper request (microseconds)           ours     floor   ratio  (target <= 2.00)\n");
     std::printf("sanConfigChanged via velm-simd  %8.2f  %8.2f  %6.2f\n", ours->second / 1000.0,
                 floor->second / 1000.0, ours->second / floor->second);
   }

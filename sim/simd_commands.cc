@@ -109,8 +109,9 @@ void SimdCommands::postNotification(std::string_view name) {
     simdLog("cannot make %s: %s", dir.c_str(), std::strerror(err));
     return;
   }
-  // Written in place, not renamed over: readers watch for the close of a written file.
-  UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+  // Written in place, not renamed over: readers watch for the close of a written file. The line
+  // has a fixed width, so no truncation (slow on most file systems) is needed.
+  UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
   if (!fd) {
     simdLog("cannot post %s: %s", path.c_str(), std::strerror(errno));
     return;
@@ -118,8 +119,8 @@ void SimdCommands::postNotification(std::string_view name) {
   auto now = std::chrono::system_clock::now().time_since_epoch();
   long long micros = std::chrono::duration_cast<std::chrono::microseconds>(now).count();
   char line[64];
-  int n = std::snprintf(line, sizeof line, "%lld.%06lld\n", micros / 1000000, micros % 1000000);
-  if (n > 0 && ::write(fd.get(), line, static_cast<std::size_t>(n)) != n)
+  int n = std::snprintf(line, sizeof line, "%015lld.%06lld\n", micros / 1000000, micros % 1000000);
+  if (n > 0 && ::pwrite(fd.get(), line, static_cast<std::size_t>(n), 0) != n)
     simdLog("cannot write %s: %s", path.c_str(), std::strerror(errno));
 }
 

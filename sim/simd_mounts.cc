@@ -75,7 +75,10 @@ std::string SimdMounts::mount(const std::string& volume, bool readOnly, const Pl
   if (options) {
     for (const auto& [key, value] : *options) {
       if (value.isDict() || value.isArray() || value.isNull()) continue;
-      line += "," + escapeMountField(key) + "=" + escapeMountField(describe(value));
+      line += ',';
+      line += escapeMountField(key);
+      line += '=';
+      line += escapeMountField(describe(value));
     }
   }
   t.lines.push_back(std::move(line));

@@ -12,7 +12,9 @@
 #include <thread>
 #include <vector>
 
+#include "support/run_program.h"
 #include "support/sandbox.h"
+#include "support/sim_process.h"
 
 namespace velm::test {
 
@@ -51,27 +53,13 @@ class LoopbackPeer {
 };
 
 // velm-simpm as a child process, its stderr collected.
-class SimPmProcess {
+class SimPmProcess : public SimProcess {
  public:
-  SimPmProcess() = default;
-  ~SimPmProcess();
   // Starts it and waits until it listens (or exits). False with the reason in stderrText().
-  bool start(const std::vector<std::string>& args);
-  // SIGTERM, then the exit status as from waitpid (-1 if not running).
-  int stop();
-  std::string stderrText();
-  // Waits until stderr holds text (it is read on another thread) or the child ends.
-  bool waitForText(const std::string& text);
-  static std::string path();
-
- private:
-  pid_t pid_ = -1;
-  int errFd_ = -1;
-  std::thread reader_;
-  std::mutex mutex_;  // guards text_, done_
-  std::condition_variable cv_;
-  std::string text_;
-  bool done_ = false;
+  bool start(const std::vector<std::string>& args) {
+    return SimProcess::start("velm-simpm", args, "listening on");
+  }
+  static std::string path() { return binaryPath("velm-simpm"); }
 };
 
 // A sandbox root per test, log lines captured in a file, the library's process state reset.

@@ -63,7 +63,7 @@ class FsmPmRequestsTest : public AdminlibTest {
   void TearDown() override {
     for (auto& [name, sim] : sims_) {
       int status = sim->stop();
-      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << name << " status " << status;
+      EXPECT_EQ(status, 0) << name << " status " << status;
     }
     PmapGetportHook = savedPmap_;
     FsmPMDecodeIDResetForTest();

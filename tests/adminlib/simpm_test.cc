@@ -27,7 +27,7 @@ class SimPmTest : public AdminlibTest {
   void TearDown() override {
     if (sim_) {
       int status = sim_->stop();
-      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+      EXPECT_EQ(status, 0) << "status " << status;
     }
     AdminlibTest::TearDown();
   }
@@ -143,14 +143,14 @@ TEST_F(SimPmTest, CommandLineErrors) {
   SimPmProcess noRoot;
   EXPECT_FALSE(noRoot.start({"--listen", "127.0.0.1"}));
   int status = noRoot.stop();
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 2);
+  EXPECT_EQ(status, 2);
   EXPECT_NE(noRoot.stderrText().find("--root DIR is required"), std::string::npos);
 
   writeConfig("<key>fsms</key><string>not an array</string>\n");
   SimPmProcess badConfig;
   EXPECT_FALSE(badConfig.start({"--root", simRoot()}));
   status = badConfig.stop();
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1);
+  EXPECT_EQ(status, 1);
   EXPECT_NE(badConfig.stderrText().find("'fsms' is not an array"), std::string::npos);
 
   ::unlink(sandbox_.path("/sim/simpm.plist").c_str());
@@ -158,7 +158,7 @@ TEST_F(SimPmTest, CommandLineErrors) {
   SimPmProcess second;  // the discovery port is taken now
   EXPECT_FALSE(second.start({"--root", simRoot()}));
   status = second.stop();
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1);
+  EXPECT_EQ(status, 1);
   EXPECT_NE(second.stderrText().find("cannot listen on 127.0.0.1:" + std::to_string(port_)),
             std::string::npos)
       << second.stderrText();
