@@ -89,6 +89,8 @@ TEST_F(StandInsTest, RunningVolumesAreThoseTheLocalPortMapperLists) {
   PmapGetportHook = [](const struct sockaddr_in*, unsigned long, unsigned long,
                        unsigned int) -> unsigned short { return 0; };
   AltGetportResetForTest();
+  // The plugin's first connection readies the library; this test starts after that.
+  QMAdmin_Init();
   test::SimProcess pm;
   ASSERT_TRUE(pm.start("velm-simpm", {"--root", sandbox_.root()}, "listening on"))
       << pm.stderrText();
