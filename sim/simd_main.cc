@@ -4,15 +4,10 @@
 #include <cstdlib>
 #include <string>
 
+#include "sim/sim_common.h"
 #include "sim/simd_server.h"
 
 namespace {
-
-velm::sim::SimDaemon* gServer = nullptr;
-
-void onSignal(int) {
-  if (gServer) gServer->stop();
-}
 
 const char kUsage[] =
     "usage: velm-simd --root DIR [--config FILE]\n"
@@ -68,47 +63,20 @@ const char kUsage[] =
 
 int main(int argc, char** argv) {
   velm::sim::SimdOptions options;
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    auto value = [&](const char* name) -> const char* {
-      if (i + 1 >= argc) {
-        std::fprintf(stderr, "velm-simd: %s needs a value\n%s", name, kUsage);
-        std::exit(2);
-      }
-      return argv[++i];
-    };
-    if (arg == "--help" || arg == "-h") {
-      std::fputs(kUsage, stdout);
-      return 0;
-    } else if (arg == "--root") {
-      options.root = value("--root");
-    } else if (arg == "--config") {
-      options.configPath = value("--config");
-    } else {
-      std::fprintf(stderr, "velm-simd: unknown argument '%s'\n%s", arg.c_str(), kUsage);
-      return 2;
-    }
-  }
-  if (options.root.empty()) {
-    std::fprintf(stderr, "velm-simd: --root DIR is required\n%s", kUsage);
-    return 2;
-  }
+  int status =
+      velm::sim::parseSimFlags("velm-simd", kUsage, argc, argv,
+                               {{"--root", &options.root}, {"--config", &options.configPath}});
+  if (status >= 0) return status;
 
   velm::sim::SimDaemon server;
   // Handlers first: whoever starts us may stop us as soon as we say we listen.
-  gServer = &server;
-  struct sigaction sa {};
-  sa.sa_handler = onSignal;
-  sigemptyset(&sa.sa_mask);
-  ::sigaction(SIGTERM, &sa, nullptr);
-  ::sigaction(SIGINT, &sa, nullptr);
-  std::signal(SIGPIPE, SIG_IGN);
+  velm::sim::installSimStopHandler([](void* s) { static_cast<velm::sim::SimDaemon*>(s)->stop(); },
+                                   &server);
   std::string error;
   if (!server.start(options, &error)) {
     std::fprintf(stderr, "velm-simd: %s\n", error.c_str());
     return 1;
   }
   server.run();
-  gServer = nullptr;
   return 0;
 }

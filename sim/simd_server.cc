@@ -95,7 +95,7 @@ SimDaemon::~SimDaemon() {
     listener_.reset();
     ::unlink(socketPath_.c_str());
   }
-  reapConnections(true);
+  connections_.reap(true);
 }
 
 bool SimDaemon::start(const SimdOptions& options, std::string* error) {
@@ -177,44 +177,17 @@ void SimDaemon::run() {
   while (!stopping_) {
     struct pollfd fds[2] = {{wakeRead_.get(), POLLIN, 0}, {listener_.get(), POLLIN, 0}};
     int r = ::poll(fds, 2, 1000);
-    reapConnections(false);
+    connections_.reap(false);
     if (r < 0 && errno != EINTR) break;
     if (r <= 0 || (fds[0].revents & POLLIN) || !(fds[1].revents & POLLIN)) continue;
     int fd = ::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC);
     if (fd < 0) continue;
-    auto conn = std::make_unique<Connection>();
-    Connection* c = conn.get();
-    c->fd.reset(fd);
-    std::scoped_lock lock(connMutex_);
-    c->thread = std::thread([this, c] {
-      serve(c->fd.get());
-      c->done = true;
-    });
-    connections_.push_back(std::move(conn));
+    connections_.serve(fd, [this](int client) { serve(client); });
   }
   simdLog("stopping");
   listener_.reset();
   ::unlink(socketPath_.c_str());
-  reapConnections(true);
-}
-
-void SimDaemon::reapConnections(bool all) {
-  std::list<std::unique_ptr<Connection>> finished;
-  {
-    std::scoped_lock lock(connMutex_);
-    for (auto it = connections_.begin(); it != connections_.end();) {
-      if (all || (*it)->done) {
-        // Wakes a thread blocked in a read or write; it leaves its socket for us to close.
-        if (all) ::shutdown((*it)->fd.get(), SHUT_RDWR);
-        finished.push_back(std::move(*it));
-        it = connections_.erase(it);
-      } else {
-        ++it;
-      }
-    }
-  }
-  for (auto& c : finished)
-    if (c->thread.joinable()) c->thread.join();
+  connections_.reap(true);
 }
 
 std::optional<std::string> SimDaemon::readRequest(int fd, bool* tooLarge) {

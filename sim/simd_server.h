@@ -13,6 +13,7 @@
 
 #include "platform/unique_fd.h"
 #include "plist/plist.h"
+#include "sim/sim_common.h"
 #include "sim/simd_commands.h"
 #include "sim/simd_config.h"
 
@@ -45,12 +46,6 @@ class SimDaemon {
   void stop();
 
  private:
-  struct Connection {
-    std::thread thread;
-    UniqueFd fd;
-    std::atomic<bool> done{false};
-  };
-
   void serve(int fd);
   // Answers one well-formed request as the behaviour file says.
   void answer(int fd, const PropertyList& request);
@@ -61,7 +56,6 @@ class SimDaemon {
   void sendReply(int fd, std::string_view bytes, const SimdBehaviour& behaviour);
   // Holds the connection without answering until the peer closes it or we stop.
   void holdSilently(int fd);
-  void reapConnections(bool all);
 
   std::string socketPath_;
   std::unique_ptr<SimdConfig> config_;
@@ -69,8 +63,7 @@ class SimDaemon {
   UniqueFd listener_;
   UniqueFd wakeRead_, wakeWrite_;
   std::atomic<bool> stopping_{false};
-  std::mutex connMutex_;  // guards connections_; leaf
-  std::list<std::unique_ptr<Connection>> connections_;
+  SimConnections connections_;
 };
 
 }  // namespace velm::sim

@@ -4,15 +4,10 @@
 #include <cstring>
 #include <string>
 
+#include "sim/sim_common.h"
 #include "sim/simpm_server.h"
 
 namespace {
-
-velm::sim::SimPortMapper* gServer = nullptr;
-
-void onSignal(int) {
-  if (gServer) gServer->stop();
-}
 
 const char kUsage[] =
     "usage: velm-simpm --root DIR [--listen 127.0.0.1] [--config FILE]\n"
@@ -55,7 +50,8 @@ const char kUsage[] =
     "FSM side (answers on each FSM's admin connection; commands change what later answers show,\n"
     "for every connection to that FSM). Keys of an fsms entry:\n"
     "  unknownTypes  array of integers: FSM request types (1-28) answered as an older FSM\n"
-    "                (255, error 1). 18 also clears statistics flag bit 12 (the older stripe-group\n"
+    "                (255, error 1). 18 also clears statistics flag bit 12 (the older "
+    "stripe-group\n"
     "                record, type 3, is served); 22, 24, 25 clear capability bits 1, 2, 4\n"
     "  statistics    dictionary: flags (default 0x1000; bit 7 follows quotasEnabled), blockSize\n"
     "                (default 4096), msgBufSize (4096), totalBlocks (1000000), freeBlocks\n"
@@ -89,49 +85,21 @@ const char kUsage[] =
 
 int main(int argc, char** argv) {
   velm::sim::SimPmOptions options;
-  for (int i = 1; i < argc; ++i) {
-    std::string arg = argv[i];
-    auto value = [&](const char* name) -> const char* {
-      if (i + 1 >= argc) {
-        std::fprintf(stderr, "velm-simpm: %s needs a value\n%s", name, kUsage);
-        std::exit(2);
-      }
-      return argv[++i];
-    };
-    if (arg == "--help" || arg == "-h") {
-      std::fputs(kUsage, stdout);
-      return 0;
-    } else if (arg == "--root") {
-      options.root = value("--root");
-    } else if (arg == "--listen") {
-      options.listen = value("--listen");
-    } else if (arg == "--config") {
-      options.configPath = value("--config");
-    } else {
-      std::fprintf(stderr, "velm-simpm: unknown argument '%s'\n%s", arg.c_str(), kUsage);
-      return 2;
-    }
-  }
-  if (options.root.empty()) {
-    std::fprintf(stderr, "velm-simpm: --root DIR is required\n%s", kUsage);
-    return 2;
-  }
+  int status = velm::sim::parseSimFlags("velm-simpm", kUsage, argc, argv,
+                                        {{"--root", &options.root},
+                                         {"--listen", &options.listen},
+                                         {"--config", &options.configPath}});
+  if (status >= 0) return status;
 
   velm::sim::SimPortMapper server;
   // Handlers first: whoever starts us may stop us as soon as we say we listen.
-  gServer = &server;
-  struct sigaction sa {};
-  sa.sa_handler = onSignal;
-  sigemptyset(&sa.sa_mask);
-  ::sigaction(SIGTERM, &sa, nullptr);
-  ::sigaction(SIGINT, &sa, nullptr);
-  std::signal(SIGPIPE, SIG_IGN);
+  velm::sim::installSimStopHandler(
+      [](void* s) { static_cast<velm::sim::SimPortMapper*>(s)->stop(); }, &server);
   std::string error;
   if (!server.start(options, &error)) {
     std::fprintf(stderr, "velm-simpm: %s\n", error.c_str());
     return 1;
   }
   server.run();
-  gServer = nullptr;
   return 0;
 }

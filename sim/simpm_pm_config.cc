@@ -77,7 +77,8 @@ bool loadSimPmPortMapperKeys(const PropertyList& top, SimPmConfig* config, std::
          SimProxy p;
          text(e, "name", &p.name);
          if (!address(e, "address1", &p.address1, error) ||
-             !address(e, "address2", &p.address2, error) || !readConfigNumber(e, "port", &p.port, error) ||
+             !address(e, "address2", &p.address2, error) ||
+             !readConfigNumber(e, "port", &p.port, error) ||
              !readConfigNumber(e, "counter1", &p.counter1, error) ||
              !readConfigNumber(e, "counter2", &p.counter2, error))
            return false;

@@ -60,8 +60,7 @@ class SimPmProtocol {
   friend struct PmSide;
   // Port-mapper requests besides the FSM socket (simpm_pm_*.cc): name service, start and stop,
   // disks, clients, cluster controls, RAS events. Fills the reply; its length.
-  std::size_t pmRequest(PmConnection& conn, std::uint8_t* msg, std::size_t cap,
-                        std::uint16_t type);
+  std::size_t pmRequest(PmConnection& conn, std::uint8_t* msg, std::size_t cap, std::uint16_t type);
   // Unframed activation (simpm_pm_*.cc); false when msg is not one.
   bool pmUnframed(PmConnection& conn, std::uint8_t* msg, bool* keep);
 

@@ -35,7 +35,7 @@ std::string peerText(const struct in6_addr& addr, int port) {
 SimPortMapper::~SimPortMapper() {
   stopping_ = true;
   listeners_.clear();
-  reapConnections(true);
+  connections_.reap(true);
 }
 
 bool SimPortMapper::listenOn(const struct in6_addr& addr, int port, Listener::Kind kind,
@@ -122,7 +122,7 @@ void SimPortMapper::run() {
     fds.push_back({wakeRead_.get(), POLLIN, 0});
     for (const Listener& l : listeners_) fds.push_back({l.fd.get(), POLLIN, 0});
     int r = ::poll(fds.data(), fds.size(), 1000);
-    reapConnections(false);
+    connections_.reap(false);
     if (r < 0 && errno != EINTR) break;
     if (r <= 0 || (fds[0].revents & POLLIN)) continue;
     for (std::size_t i = 0; i < listeners_.size(); ++i) {
@@ -131,42 +131,16 @@ void SimPortMapper::run() {
       int port = 0;
       int fd = Accept(listeners_[i].fd.get(), &peer, &port);
       if (fd < 0) continue;
-      auto conn = std::make_unique<Connection>();
-      Connection* c = conn.get();
-      c->fd.reset(fd);
       Listener::Kind kind = listeners_[i].kind;
       std::size_t fsmIndex = listeners_[i].fsmIndex;
       std::string text = peerText(peer, port);
-      std::scoped_lock lock(connMutex_);
-      c->thread = std::thread([this, c, kind, fsmIndex, text] {
-        serve(kind, fsmIndex, c->fd.get(), text);
-        c->done = true;
-      });
-      connections_.push_back(std::move(conn));
+      connections_.serve(
+          fd, [this, kind, fsmIndex, text](int client) { serve(kind, fsmIndex, client, text); });
     }
   }
   simLog("stopping");
   listeners_.clear();
-  reapConnections(true);
-}
-
-void SimPortMapper::reapConnections(bool all) {
-  std::list<std::unique_ptr<Connection>> finished;
-  {
-    std::scoped_lock lock(connMutex_);
-    for (auto it = connections_.begin(); it != connections_.end();) {
-      if (all || (*it)->done) {
-        // Wakes a thread blocked in a read; it closes its own socket.
-        if (all) ::shutdown((*it)->fd.get(), SHUT_RDWR);
-        finished.push_back(std::move(*it));
-        it = connections_.erase(it);
-      } else {
-        ++it;
-      }
-    }
-  }
-  for (auto& c : finished)
-    if (c->thread.joinable()) c->thread.join();
+  connections_.reap(true);
 }
 
 void SimPortMapper::serve(Listener::Kind kind, std::size_t fsmIndex, int fd, std::string peer) {

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "platform/unique_fd.h"
+#include "sim/sim_common.h"
 #include "sim/simpm_protocol.h"
 
 namespace velm::sim {
@@ -48,19 +49,12 @@ class SimPortMapper {
     enum Kind { Discovery, Service, Fsm } kind;
     std::size_t fsmIndex = 0;
   };
-  struct Connection {
-    std::thread thread;
-    UniqueFd fd;
-    std::atomic<bool> done{false};
-  };
-
   bool listenOn(const struct in6_addr& addr, int port, Listener::Kind kind, std::size_t fsmIndex,
                 int* boundPort, std::string* error);
   void serve(Listener::Kind kind, std::size_t fsmIndex, int fd, std::string peer);
   void serveDiscovery(int fd);
   void servePortMapper(int fd, const std::string& peer);
   void serveFsm(std::size_t fsmIndex, int fd);
-  void reapConnections(bool all);
 
   std::unique_ptr<SimPmProtocol> protocol_;
   std::vector<Listener> listeners_;
@@ -68,8 +62,7 @@ class SimPortMapper {
   std::atomic<bool> stopping_{false};
   int discoveryPort_ = 0;
   int servicePort_ = 0;
-  std::mutex connMutex_;  // guards connections_; leaf
-  std::list<std::unique_ptr<Connection>> connections_;
+  SimConnections connections_;
 };
 
 }  // namespace velm::sim

@@ -1,0 +1,96 @@
+#include "sim/sim_common.h"
+
+#include <sys/socket.h>
+
+#include <csignal>
+#include <cstdio>
+
+namespace velm::sim {
+namespace {
+
+void (*gStop)(void*) = nullptr;
+void* gStopContext = nullptr;
+
+void onSignal(int) {
+  if (gStop) gStop(gStopContext);
+}
+
+}  // namespace
+
+int parseSimFlags(const char* program, const char* usage, int argc, char** argv,
+                  std::initializer_list<SimFlag> flags) {
+  std::string* root = nullptr;
+  for (const SimFlag& f : flags) {
+    if (f.name == "--root") root = f.value;
+  }
+  for (int i = 1; i < argc; ++i) {
+    std::string_view arg = argv[i];
+    if (arg == "--help" || arg == "-h") {
+      std::fputs(usage, stdout);
+      return 0;
+    }
+    const SimFlag* flag = nullptr;
+    for (const SimFlag& f : flags) {
+      if (f.name == arg) flag = &f;
+    }
+    if (!flag) {
+      std::fprintf(stderr, "%s: unknown argument '%s'\n%s", program, argv[i], usage);
+      return 2;
+    }
+    if (i + 1 >= argc) {
+      std::fprintf(stderr, "%s: %s needs a value\n%s", program, argv[i], usage);
+      return 2;
+    }
+    *flag->value = argv[++i];
+  }
+  if (root && root->empty()) {
+    std::fprintf(stderr, "%s: --root DIR is required\n%s", program, usage);
+    return 2;
+  }
+  return -1;
+}
+
+void installSimStopHandler(void (*stop)(void*), void* context) {
+  gStop = stop;
+  gStopContext = context;
+  struct sigaction sa {};
+  sa.sa_handler = onSignal;
+  sigemptyset(&sa.sa_mask);
+  ::sigaction(SIGTERM, &sa, nullptr);
+  ::sigaction(SIGINT, &sa, nullptr);
+  std::signal(SIGPIPE, SIG_IGN);
+}
+
+void SimConnections::serve(int fd, std::function<void(int fd)> body) {
+  auto conn = std::make_unique<Connection>();
+  Connection* c = conn.get();
+  c->fd.reset(fd);
+  std::scoped_lock lock(mutex_);
+  c->thread = std::thread([c, body = std::move(body)] {
+    body(c->fd.get());
+    c->done = true;
+  });
+  connections_.push_back(std::move(conn));
+}
+
+void SimConnections::reap(bool all) {
+  std::list<std::unique_ptr<Connection>> finished;
+  {
+    std::scoped_lock lock(mutex_);
+    for (auto it = connections_.begin(); it != connections_.end();) {
+      if (all || (*it)->done) {
+        // Wakes a thread blocked in a read or write; its socket is closed after the join, so
+        // shutdown() never meets a reused number.
+        if (all) ::shutdown((*it)->fd.get(), SHUT_RDWR);
+        finished.push_back(std::move(*it));
+        it = connections_.erase(it);
+      } else {
+        ++it;
+      }
+    }
+  }
+  for (auto& c : finished)
+    if (c->thread.joinable()) c->thread.join();
+}
+
+}  // namespace velm::sim

@@ -1,0 +1,51 @@
+// What the stand-ins share: their command lines, their stop signals, and the connections they
+// serve, one thread each.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <initializer_list>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include "platform/unique_fd.h"
+
+namespace velm::sim {
+
+struct SimFlag {
+  std::string_view name;  // "--root"
+  std::string* value;
+};
+
+// Reads --help and "--name VALUE" flags into their strings; --root is required. Returns -1 to go
+// on, else the exit code (0 after --help, 2 after a usage error, with the usage printed).
+int parseSimFlags(const char* program, const char* usage, int argc, char** argv,
+                  std::initializer_list<SimFlag> flags);
+
+// SIGTERM and SIGINT call stop(context) (which must be async-signal-safe); SIGPIPE is ignored.
+void installSimStopHandler(void (*stop)(void*), void* context);
+
+// The connections being served. The accept loop adds each one and reaps the finished ones.
+class SimConnections {
+ public:
+  ~SimConnections() { reap(true); }
+  // Runs body(fd) on a thread of its own; fd is closed once that thread is reaped.
+  void serve(int fd, std::function<void(int fd)> body);
+  // Joins the finished threads; with all, first wakes every blocked one and joins them all.
+  void reap(bool all);
+
+ private:
+  struct Connection {
+    std::thread thread;
+    UniqueFd fd;
+    std::atomic<bool> done{false};
+  };
+  std::mutex mutex_;  // guards connections_; leaf
+  std::list<std::unique_ptr<Connection>> connections_;
+};
+
+}  // namespace velm::sim
