@@ -1,8 +1,7 @@
 // Volume config parse and write: a large volume (1,000 disks in 50 stripe groups) and a small one
-// (10 disks). The reader makes one pass over the text per key, so the large parse shows whether each
-// pass stays cheap. Target: the large volume parses in under 20 ms.
+// (10 disks). The reader makes one pass over the text per key, so the large parse shows whether
+// each pass stays cheap. Target: the large volume parses in under 20 ms.
 #include <benchmark/benchmark.h>
-
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -25,19 +24,49 @@ double gLargeWriteMs = 0;
 // both quoting styles.
 std::string makeVolumeText(int disks, int groups) {
   std::string t = "# Volume configuration\n\n";
-  const char* booleans[] = {"DataMigration No", "ABMFreeLimit No", "DirWarp Yes", "ForcePerfectFit No",
-                            "FileLocks Yes", "GlobalSuperUser Yes", "Quotas Yes", "Brls No",
-                            "WindowsSecurity Yes", "EnforceACLs No", "EnableLumex No", "NamedStreams No",
-                            "ForceStripeAlignment Yes", "UnixIdFabricationOnWindows No"};
+  const char* booleans[] = {"DataMigration No",
+                            "ABMFreeLimit No",
+                            "DirWarp Yes",
+                            "ForcePerfectFit No",
+                            "FileLocks Yes",
+                            "GlobalSuperUser Yes",
+                            "Quotas Yes",
+                            "Brls No",
+                            "WindowsSecurity Yes",
+                            "EnforceACLs No",
+                            "EnableLumex No",
+                            "NamedStreams No",
+                            "ForceStripeAlignment Yes",
+                            "UnixIdFabricationOnWindows No"};
   for (const char* line : booleans) t += std::string(line) + "\n";
-  const char* numbers[] = {"AttrTokenSize 1", "InodeExpandMin 8", "InodeExpandInc 8", "InodeExpandMax 2048",
-                           "InodeDeleteMax 0", "StaticInodes 0", "DataMigrationThreadPoolSize 128",
-                           "BufferCacheSize 64M", "BufferPoolSize 0", "DirCacheSize 10M", "DirFDCacheSize 0",
-                           "StripeAlignSize 0", "JournalSize 512M", "FsBlockSize 16K", "InodeCacheSize 256K",
-                           "IoHangLimitSecs 180", "MaxConnections 138", "MaxLogSize 16M", "MaxLogs 4",
-                           "OpHangLimitSecs 180", "PosixStyleLinkCount 1", "TrimOnClose 0", "BrlTime 86400",
-                           "ThreadPoolSize 256", "MaxMBPerClientReserve 0", "UnixNobodyUidOnWindows -2",
-                           "UnixNobodyGidOnWindows -2", "UnixFileCreationModeOnWindows 0644",
+  const char* numbers[] = {"AttrTokenSize 1",
+                           "InodeExpandMin 8",
+                           "InodeExpandInc 8",
+                           "InodeExpandMax 2048",
+                           "InodeDeleteMax 0",
+                           "StaticInodes 0",
+                           "DataMigrationThreadPoolSize 128",
+                           "BufferCacheSize 64M",
+                           "BufferPoolSize 0",
+                           "DirCacheSize 10M",
+                           "DirFDCacheSize 0",
+                           "StripeAlignSize 0",
+                           "JournalSize 512M",
+                           "FsBlockSize 16K",
+                           "InodeCacheSize 256K",
+                           "IoHangLimitSecs 180",
+                           "MaxConnections 138",
+                           "MaxLogSize 16M",
+                           "MaxLogs 4",
+                           "OpHangLimitSecs 180",
+                           "PosixStyleLinkCount 1",
+                           "TrimOnClose 0",
+                           "BrlTime 86400",
+                           "ThreadPoolSize 256",
+                           "MaxMBPerClientReserve 0",
+                           "UnixNobodyUidOnWindows -2",
+                           "UnixNobodyGidOnWindows -2",
+                           "UnixFileCreationModeOnWindows 0644",
                            "UnixDirectoryCreationModeOnWindows 0755"};
   for (const char* line : numbers) t += std::string(line) + "   # tuned\n";
   t += "Debug 0x0\nAllocationStrategy Round\nLumexSearchLevel 3\n\n";
@@ -48,14 +77,19 @@ std::string makeVolumeText(int disks, int groups) {
     t += "[Disk \"LUN" + std::to_string(d) + "\"]\n  Status Up\n  Type \"DataType\"\n";
   }
   t += "\n[StripeGroup \"MetadataAndJournal\"]\n  Status Up\n  Exclusive Yes\n  Metadata Yes\n"
-       "  Journal Yes\n  Read Enabled\n  Write Enabled\n  StripeBreadth 16\n  MultiPathMethod Rotate\n"
+       "  Journal Yes\n  Read Enabled\n  Write Enabled\n  StripeBreadth 16\n  MultiPathMethod "
+       "Rotate\n"
        "  Node \"Meta0\" 0\n";
   int perGroup = (disks - 1) / (groups - 1);
   int next = 1;
   for (int g = 1; g < groups; ++g) {
-    t += "\n[StripeGroup \"Data" + std::to_string(g) + "\"]\n  Status Up\n  Exclusive No\n  Metadata No\n"
-         "  Journal No\n  Affinity \"Pool" + std::to_string(g) + "\"\n  Read Enabled\n  Write Enabled\n"
-         "  StripeBreadth 64\n  Rtios 0\n  Rtmb 0\n  RtiosReserve 0\n  RtmbReserve 0\n  RtTokenTimeout 0\n"
+    t += "\n[StripeGroup \"Data" + std::to_string(g) +
+         "\"]\n  Status Up\n  Exclusive No\n  Metadata No\n"
+         "  Journal No\n  Affinity \"Pool" +
+         std::to_string(g) +
+         "\"\n  Read Enabled\n  Write Enabled\n"
+         "  StripeBreadth 64\n  Rtios 0\n  Rtmb 0\n  RtiosReserve 0\n  RtmbReserve 0\n  "
+         "RtTokenTimeout 0\n"
          "  MultiPathMethod Rotate\n";
     int count = g == groups - 1 ? disks - next : perGroup;
     for (int i = 0; i < count; ++i, ++next)
@@ -149,8 +183,10 @@ int main(int argc, char** argv) {
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
   if (gLargeParseMs > 0) {
-    std::printf("config parse, 1000 disks in 50 stripe groups: %.3f ms per parse (target: under %.0f ms) %s\n",
-                gLargeParseMs, kTargetParseMs, gLargeParseMs < kTargetParseMs ? "OK" : "MISSED");
+    std::printf(
+        "config parse, 1000 disks in 50 stripe groups: %.3f ms per parse (target: under %.0f ms) "
+        "%s\n",
+        gLargeParseMs, kTargetParseMs, gLargeParseMs < kTargetParseMs ? "OK" : "MISSED");
     std::printf("config write, 1000 disks in 50 stripe groups: %.3f ms per write\n", gLargeWriteMs);
   }
   return 0;

@@ -94,8 +94,9 @@ Server startDaemon() {
   std::string exe = std::string(VELM_BINARY_DIR) + "/bin/adminhostd";
   std::string log = gRoot + "/daemon.log";
   // No idle ticks: the figure is the request path's.
-  std::vector<std::string> args = {exe, "--root", gRoot, "--plugins", plugins, "--listen", "127.0.0.1:0",
-                                   "--idle-interval", "0"};
+  std::vector<std::string> args = {exe,           "--root",          gRoot,
+                                   "--plugins",   plugins,           "--listen",
+                                   "127.0.0.1:0", "--idle-interval", "0"};
   std::vector<char*> argv;
   for (auto& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
@@ -172,7 +173,8 @@ double serverCpuMicros(pid_t pid) {
   return ticks * 1e6 / static_cast<double>(::sysconf(_SC_CLK_TCK));
 }
 
-void BM_Request(benchmark::State& state, const Server* server, const char* serverName, bool sameCpu) {
+void BM_Request(benchmark::State& state, const Server* server, const char* serverName,
+                bool sameCpu) {
   cpu_set_t saved;
   sched_getaffinity(0, sizeof saved, &saved);
   pinTo(0, sameCpu ? kServerCpu : kServerCpu + 1);
@@ -180,7 +182,8 @@ void BM_Request(benchmark::State& state, const Server* server, const char* serve
   client.set_keep_alive(true);
   client.set_tcp_nodelay(true);
   httplib::Headers headers = {{"Authorization", "Bearer " + gToken}};
-  for (int i = 0; i < kWarmup; ++i) client.Post(server->path, headers, gRequestBody, "application/x-plist");
+  for (int i = 0; i < kWarmup; ++i)
+    client.Post(server->path, headers, gRequestBody, "application/x-plist");
 
   std::vector<std::uint64_t> latencies;
   latencies.reserve(kIterations);
@@ -218,7 +221,8 @@ void BM_Request(benchmark::State& state, const Server* server, const char* serve
 // The daemon's own work for one request, without the network: token check, plist parse, the
 // plugin's getState, plist write.
 void BM_RequestPathInProcess(benchmark::State& state) {
-  static std::vector<std::unique_ptr<velm::HostedPlugin>> plugins = velm::loadPluginsFromDirectory(gRoot + "/plugins");
+  static std::vector<std::unique_ptr<velm::HostedPlugin>> plugins =
+      velm::loadPluginsFromDirectory(gRoot + "/plugins");
   if (plugins.empty()) {
     state.SkipWithError("no velm plugin");
     return;
@@ -249,18 +253,21 @@ Figures median(std::vector<Figures> v) {
 
 void printSummary() {
   std::printf("\nadminhostd getState vs a bare cpp-httplib echo server (median of repetitions)\n");
-  std::printf("%-9s %-11s %10s %8s %8s %14s\n", "mode", "server", "req/s", "p50 us", "p99 us", "server CPU us");
+  std::printf("%-9s %-11s %10s %8s %8s %14s\n", "mode", "server", "req/s", "p50 us", "p99 us",
+              "server CPU us");
   for (const char* mode : {"same CPU", "two CPUs"}) {
     auto it = gResults.find(mode);
     if (it == gResults.end()) continue;
     Figures bare = median(it->second["bare"]), daemon = median(it->second["adminhostd"]);
-    std::printf("%-9s %-11s %10.0f %8.0f %8.0f %14.1f\n", mode, "bare", bare.rps, bare.p50, bare.p99, bare.serverCpu);
-    std::printf("%-9s %-11s %10.0f %8.0f %8.0f %14.1f\n", mode, "adminhostd", daemon.rps, daemon.p50, daemon.p99,
-                daemon.serverCpu);
+    std::printf("%-9s %-11s %10.0f %8.0f %8.0f %14.1f\n", mode, "bare", bare.rps, bare.p50,
+                bare.p99, bare.serverCpu);
+    std::printf("%-9s %-11s %10.0f %8.0f %8.0f %14.1f\n", mode, "adminhostd", daemon.rps,
+                daemon.p50, daemon.p99, daemon.serverCpu);
     if (bare.rps > 0 && bare.p50 > 0) {
       double rpsRatio = daemon.rps / bare.rps, p50Ratio = daemon.p50 / bare.p50;
-      std::printf("%-9s ratios: req/s %.2fx (target >= 0.80x) %s, p50 %.2fx (target <= 1.25x) %s\n", mode,
-                  rpsRatio, rpsRatio >= 0.8 ? "met" : "MISSED", p50Ratio, p50Ratio <= 1.25 ? "met" : "MISSED");
+      std::printf("%-9s ratios: req/s %.2fx (target >= 0.80x) %s, p50 %.2fx (target <= 1.25x) %s\n",
+                  mode, rpsRatio, rpsRatio >= 0.8 ? "met" : "MISSED", p50Ratio,
+                  p50Ratio <= 1.25 ? "met" : "MISSED");
     }
   }
 }
@@ -284,8 +291,8 @@ int main(int argc, char** argv) {
   gBare = startBare();
   gToken = velm::readFile(gRoot + "/var/adminhostd/admin.token").value_or("");
   if (gDaemon.port <= 0 || gBare.port <= 0 || gToken.empty()) {
-    std::fprintf(stderr, "daemon_bench: a server did not start (daemon port %d, bare port %d)\n", gDaemon.port,
-                 gBare.port);
+    std::fprintf(stderr, "daemon_bench: a server did not start (daemon port %d, bare port %d)\n",
+                 gDaemon.port, gBare.port);
     stop(gDaemon);
     stop(gBare);
     return 1;
@@ -299,8 +306,8 @@ int main(int argc, char** argv) {
     const char* mode = sameCpu ? "SameCpu" : "TwoCpus";
     for (int rep = 0; rep < kRepetitions; ++rep) {
       for (auto [server, name] : {std::pair{&gBare, "bare"}, std::pair{&gDaemon, "adminhostd"}}) {
-        benchmark::RegisterBenchmark((std::string("Loopback/") + mode + "/" + name).c_str(), BM_Request, server,
-                                     name, sameCpu)
+        benchmark::RegisterBenchmark((std::string("Loopback/") + mode + "/" + name).c_str(),
+                                     BM_Request, server, name, sameCpu)
             ->Iterations(kIterations)
             ->UseRealTime();
       }

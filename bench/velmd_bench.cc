@@ -16,10 +16,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <map>
 #include <string>
 #include <thread>
 
+#include "bench_support.h"
 #include "gateway/san_filesystem.h"
 #include "gateway/velmd_rpc.h"
 #include "platform/clock.h"
@@ -37,7 +37,6 @@ std::string gReply;    // the bytes velm-simd answers
 std::string gEchoPath;
 int gEchoListen = -1;
 std::thread gEchoThread;
-std::map<std::string, double> gNsPerIteration;
 
 velm::PropertyList command() {
   velm::PropertyList c = velm::PropertyList::dict();
@@ -168,19 +167,6 @@ void BM_VelmdSanConfigChanged(benchmark::State& state) {
 BENCHMARK(BM_UnixSocketEcho)->MinTime(1.0);
 BENCHMARK(BM_VelmdSanConfigChanged)->MinTime(1.0);
 
-std::string baseName(const std::string& name) { return name.substr(0, name.find('/')); }
-
-class CapturingReporter : public benchmark::ConsoleReporter {
- public:
-  CapturingReporter() : ConsoleReporter(OO_Tabular) {}
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& r : runs)
-      if (!r.error_occurred && r.run_type == Run::RT_Iteration)
-        gNsPerIteration[baseName(r.benchmark_name())] = r.GetAdjustedRealTime();
-    ConsoleReporter::ReportRuns(runs);
-  }
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -190,15 +176,14 @@ int main(int argc, char** argv) {
     stopSim();
     return 1;
   }
-  CapturingReporter reporter;
+  velm::bench::CapturingReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  auto floor = gNsPerIteration.find("BM_UnixSocketEcho");
-  auto ours = gNsPerIteration.find("BM_VelmdSanConfigChanged");
-  if (floor != gNsPerIteration.end() && ours != gNsPerIteration.end() && floor->second > 0) {
+  double floor = reporter.ns("BM_UnixSocketEcho"), ours = reporter.ns("BM_VelmdSanConfigChanged");
+  if (floor > 0 && ours > 0) {
     std::printf(
         "\nper request (microseconds)           ours     floor   ratio  (target <= 2.00)\n");
-    std::printf("sanConfigChanged via velm-simd  %8.2f  %8.2f  %6.2f\n", ours->second / 1000.0,
-                floor->second / 1000.0, ours->second / floor->second);
+    std::printf("sanConfigChanged via velm-simd  %8.2f  %8.2f  %6.2f\n", ours / 1000.0,
+                floor / 1000.0, ours / floor);
   }
   stopSim();
   benchmark::Shutdown();

@@ -22,6 +22,7 @@
 
 #include "adminlib/adminlib.h"
 #include "adminlib/qmadminlib.h"
+#include "bench_support.h"
 #include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/paths.h"
@@ -39,7 +40,6 @@ pid_t gSim = -1;
 int gNs = -1;   // name-service handle
 int gFsm = -1;  // FSM handle
 int gEchoPort = 0;
-std::map<std::string, double> gNsPerIteration;  // benchmark name -> mean real time, ns
 
 std::string binDir() {
   std::error_code ec;
@@ -230,21 +230,6 @@ BENCHMARK(BM_LoopbackEcho1024)->MinTime(1.0);
 BENCHMARK(BM_NSListFsmWalk100)->MinTime(1.0);
 BENCHMARK(BM_FSMStat)->MinTime(1.0);
 
-// "BM_FSMStat/min_time:1.000" -> "BM_FSMStat"
-std::string baseName(const std::string& name) { return name.substr(0, name.find('/')); }
-
-// Keeps the mean time of each benchmark for the summary.
-class CapturingReporter : public benchmark::ConsoleReporter {
- public:
-  CapturingReporter() : ConsoleReporter(OO_Tabular) {}
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& r : runs)
-      if (!r.error_occurred && r.run_type == Run::RT_Iteration)
-        gNsPerIteration[baseName(r.benchmark_name())] = r.GetAdjustedRealTime();  // ns
-    ConsoleReporter::ReportRuns(runs);
-  }
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -268,21 +253,20 @@ int main(int argc, char** argv) {
     return 1;
   }
 
-  CapturingReporter reporter;
+  velm::bench::CapturingReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
 
-  auto it = gNsPerIteration.find("BM_LoopbackEcho1024");
-  if (it != gNsPerIteration.end() && it->second > 0) {
-    double floorUs = it->second / 1000.0;
+  if (double floorNs = reporter.ns("BM_LoopbackEcho1024"); floorNs > 0) {
+    double floorUs = floorNs / 1000.0;
     std::printf("\nper request (microseconds)          ours     floor   ratio  (target <= 3.00)\n");
-    if (auto w = gNsPerIteration.find("BM_NSListFsmWalk100"); w != gNsPerIteration.end()) {
-      double us = w->second / 1000.0 / (kFsms + 1);
+    if (double walk = reporter.ns("BM_NSListFsmWalk100"); walk > 0) {
+      double us = walk / 1000.0 / (kFsms + 1);
       std::printf("QMAdmin_NSListFsm (walk of %d)  %8.2f  %8.2f  %6.2f\n", kFsms, us, floorUs,
                   us / floorUs);
-      std::printf("  whole walk: %.1f us\n", w->second / 1000.0);
+      std::printf("  whole walk: %.1f us\n", walk / 1000.0);
     }
-    if (auto s = gNsPerIteration.find("BM_FSMStat"); s != gNsPerIteration.end()) {
-      double us = s->second / 1000.0;
+    if (double stat = reporter.ns("BM_FSMStat"); stat > 0) {
+      double us = stat / 1000.0;
       std::printf("QMAdmin_FSMStat                 %8.2f  %8.2f  %6.2f\n", us, floorUs,
                   us / floorUs);
     }
