@@ -6,22 +6,16 @@
 #include <cstring>
 #include <ctime>
 
-#include "platform/clock.h"
-#include "platform/files.h"
 #include "adminhost/host_log.h"
+#include "platform/clock.h"
+#include "platform/entry_name.h"
+#include "platform/files.h"
 #include "platform/paths.h"
 
 namespace velm {
 namespace {
 
 constexpr std::string_view kContextDirty = "contextDirty";
-
-bool validPluginName(const std::string& plugin) {
-  if (plugin.empty() || plugin == "." || plugin == "..") return false;
-  for (char c : plugin)
-    if (c == '/' || c == '\0') return false;
-  return true;
-}
 
 std::string contextDirectory() { return hostPath("/var/adminhostd/context"); }
 
@@ -55,7 +49,7 @@ int keepAside(const std::string& path, std::string* aside) {
 }  // namespace
 
 std::string pluginContextPath(const std::string& plugin) {
-  if (!validPluginName(plugin)) return {};
+  if (!isSafeEntryName(plugin)) return {};
   return contextDirectory() + "/" + plugin + ".plist";
 }
 
@@ -80,11 +74,13 @@ PropertyList loadPluginContext(const std::string& plugin) {
   }
   std::string aside;
   if (int err = keepAside(path, &aside); err != 0) {
-    HostLog("context of plugin %s at %s is unreadable (%s) and could not be kept aside: %s; starting empty",
-           plugin, path, r.error, std::strerror(err));
+    HostLog(
+        "context of plugin %s at %s is unreadable (%s) and could not be kept aside: %s; starting "
+        "empty",
+        plugin, path, r.error, std::strerror(err));
   } else {
-    HostLog("context of plugin %s at %s is unreadable (%s); kept as %s, starting empty",
-           plugin, path, r.error, aside);
+    HostLog("context of plugin %s at %s is unreadable (%s); kept as %s, starting empty", plugin,
+            path, r.error, aside);
   }
   return PropertyList::dict();
 }

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <optional>
 
+#include "platform/entry_name.h"
 #include "platform/files.h"
 #include "platform/interfaces.h"
 #include "platform/paths.h"
@@ -50,9 +51,7 @@ std::string standInMask(const std::string& address) {
 }
 
 std::string userDefinedName(const std::string& interface) {
-  if (interface.empty() || interface.find('/') != std::string::npos || interface == "." ||
-      interface == "..")
-    return {};
+  if (!isSafeEntryName(interface)) return {};
   auto alias = readFile(sysfsPath("class/net/" + interface + "/ifalias"));
   return alias ? std::string(trimmed(*alias)) : std::string();
 }
@@ -61,8 +60,9 @@ bool isLoopbackOrDummy(const NetworkInterface& i) {
   return (i.flags & IFF_LOOPBACK) || i.name.rfind("lo", 0) == 0 || i.name.rfind("dummy", 0) == 0;
 }
 
-PropertyList addressEntry(std::string_view family, const std::string& address, const std::string& name,
-                          const std::string& mask, const std::string& alias) {
+PropertyList addressEntry(std::string_view family, const std::string& address,
+                          const std::string& name, const std::string& mask,
+                          const std::string& alias) {
   PropertyList e = PropertyList::dict();
   e.set("family", family);
   e.set("ipAddress", address);
@@ -89,7 +89,8 @@ PropertyList get_interfaces_info() {
   PropertyList out = PropertyList::array();
   auto standIns = standInAddresses();
   if (standIns) {
-    for (const auto& a : *standIns) out.push(addressEntry("AF_INET", a, "velm0", standInMask(a), ""));
+    for (const auto& a : *standIns)
+      out.push(addressEntry("AF_INET", a, "velm0", standInMask(a), ""));
   }
   auto interfaces = interfaceLister().interfaces();
   if (!interfaces) return out;

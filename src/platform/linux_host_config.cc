@@ -1,5 +1,3 @@
-#include "platform/host_config.h"
-
 #include <avahi-client/client.h>
 #include <avahi-common/error.h>
 #include <avahi-common/simple-watch.h>
@@ -10,7 +8,9 @@
 #include <algorithm>
 #include <atomic>
 
+#include "platform/entry_name.h"
 #include "platform/files.h"
+#include "platform/host_config.h"
 #include "platform/os_version.h"
 #include "platform/paths.h"
 
@@ -53,11 +53,6 @@ std::optional<std::string> staticHostname() {
 bool present(const std::string& path) {
   struct stat st {};
   return ::lstat(path.c_str(), &st) == 0;
-}
-
-// A name from outside must stay one path component under /sys/class/net.
-bool safeDeviceName(const std::string& name) {
-  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos;
 }
 
 class LinuxHostConfig : public HostConfig {
@@ -103,8 +98,9 @@ class LinuxHostConfig : public HostConfig {
       ports.push_back(NetworkPort{name, ethernet});
     }
     ::closedir(dir);
-    std::sort(ports.begin(), ports.end(),
-              [](const NetworkPort& a, const NetworkPort& b) { return a.deviceName < b.deviceName; });
+    std::sort(ports.begin(), ports.end(), [](const NetworkPort& a, const NetworkPort& b) {
+      return a.deviceName < b.deviceName;
+    });
     return ports;
   }
 
@@ -112,12 +108,14 @@ class LinuxHostConfig : public HostConfig {
   // failed; otherwise one medium, valid, and active when there is a carrier.
   MediaStatus mediaStatus(const std::string& deviceName) override {
     MediaStatus media;
-    if (!safeDeviceName(deviceName)) return media;
+    if (!isSafeEntryName(deviceName)) return media;
     auto carrier = readFile(sysfsPath("class/net/" + deviceName + "/carrier"));
     if (!carrier) return media;
     std::string_view v = trimmed(*carrier);
-    if (v == "0") media = {true, 1, 1};
-    else if (v == "1") media = {true, 1, 3};
+    if (v == "0")
+      media = {true, 1, 1};
+    else if (v == "1")
+      media = {true, 1, 3};
     return media;
   }
 
