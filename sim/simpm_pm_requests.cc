@@ -549,14 +549,23 @@ struct PmSide {
     char name[kPmNameLen];
     PmGetName(msg, name, sizeof name);
     std::uint16_t status = kStatusNotFound;
+    SimFsm* local = nullptr;
     {
       std::scoped_lock lock(p.pmMutex_);
       for (SimFsm& f : p.config_.fsms) {
-        if (f.name != name || !f.running || !isLocal(f)) continue;
-        f.active = true;
-        status = 0;
-        break;
+        if (f.name == name && f.running && isLocal(f)) {
+          local = &f;
+          break;
+        }
       }
+    }
+    if (local) {
+      // While another copy serves the volume, the election keeps this one on standby: the
+      // request is taken, and the state tells the outcome.
+      bool elsewhere = activeElsewhere(name, local);
+      std::scoped_lock lock(p.pmMutex_);
+      if (!elsewhere) local->active = true;
+      status = 0;
     }
     simLog("%s: activate 0x%04x '%s' -> status %u", conn.peer.c_str(), type, name, status);
     msg[kFhStatus] = 0;

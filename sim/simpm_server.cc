@@ -205,10 +205,12 @@ void SimPortMapper::serveFsm(std::size_t fsmIndex, int fd) {
   std::vector<std::uint8_t> buf(kMaxFramedLen);
   while (!stopping_) {
     if (recvAll(fd, buf.data(), kFrameHeaderLen) != static_cast<ssize_t>(kFrameHeaderLen)) return;
-    // A stopped FSM has no process to answer: its connections end as the process would.
+    // A stopped FSM has no process to answer, and a standby one serves no file system yet: their
+    // connections end as the real ones do.
     const SimFsm fsm = protocol_->fsmSnapshot(fsmIndex);
-    if (!fsm.running) {
-      simLog("fsm '%s' is not running; closing its connection", fsm.name.c_str());
+    if (!fsm.running || !fsm.active) {
+      simLog("fsm '%s' is %s; closing its connection", fsm.name.c_str(),
+             fsm.running ? "on standby" : "not running");
       return;
     }
     if (std::memcmp(buf.data(), kFrameMagic, sizeof kFrameMagic) != 0) {

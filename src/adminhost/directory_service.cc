@@ -1,10 +1,9 @@
 // DSGetNodeInfo on Linux. There is no directory service to ask: the search path is the order in
 // which the name service looks up users (the passwd: line of nsswitch.conf), each source named as
 // a directory node: local files are /Local/Default, an LDAP or SSSD source /LDAPv3/<server>.
-#include "adminhost/host_common.h"
-
 #include <string_view>
 
+#include "adminhost/host_common.h"
 #include "platform/files.h"
 #include "platform/paths.h"
 
@@ -54,13 +53,12 @@ std::vector<std::string_view> words(std::string_view s, std::string_view separat
   return out;
 }
 
-std::string_view withoutComment(std::string_view line) {
-  return line.substr(0, line.find('#'));
-}
+std::string_view withoutComment(std::string_view line) { return line.substr(0, line.find('#')); }
 
 // "ldaps://dir.example.com:636/" -> "dir.example.com"; "[fd00::1]:389" -> "fd00::1".
 std::string serverOfUri(std::string_view uri) {
-  if (size_t scheme = uri.find("://"); scheme != std::string_view::npos) uri.remove_prefix(scheme + 3);
+  if (size_t scheme = uri.find("://"); scheme != std::string_view::npos)
+    uri.remove_prefix(scheme + 3);
   uri = uri.substr(0, uri.find('/'));
   if (!uri.empty() && uri.front() == '[') {
     size_t close = uri.find(']');

@@ -126,4 +126,19 @@ PropertyList get_host_ips() {
   return out;
 }
 
+PropertyList current_host_addresses() {
+  PropertyList out = PropertyList::array();
+  if (auto standIns = standInAddresses()) {
+    for (const auto& a : *standIns) out.push(a);
+    return out;
+  }
+  PropertyList info = get_interfaces_info();
+  for (const auto& e : *info.asArray()) {
+    if (const std::string* address = e.getString("ipAddress")) out.push(*address);
+  }
+  out.push("127.0.0.1");
+  out.push("::1");
+  return out;
+}
+
 }  // namespace velm

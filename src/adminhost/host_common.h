@@ -12,9 +12,9 @@
 namespace velm {
 
 struct LaunchResult {
-  int status = -1;       // exit code; 128 + signal when killed; -1 when it could not be started
-  std::string output;    // standard output
-  std::string error;     // standard error
+  int status = -1;     // exit code; 128 + signal when killed; -1 when it could not be started
+  std::string output;  // standard output
+  std::string error;   // standard error
 };
 
 // Runs path with args (args[0] is not the program name: it is added) to its end; no shell.
@@ -34,11 +34,18 @@ int ec_pid_for_process_named(const std::string& name);
 int ec_check_pid_for_process_named(const std::string& name, int pid);
 bool ec_check_process_by_pid(int pid);
 
+// True when a TCP connection to address:port (a name or an address text) opens within timeoutMs
+// milliseconds.
+bool is_host_reachable(const std::string& address, int port, int timeoutMs);
+
 // One dictionary per interface address: family ("AF_INET", "AF_INET6"), ipAddress, name,
 // subnetMask, userDefinedName, plus macAddress and flags where known.
 PropertyList get_interfaces_info();
 // This machine's IPv4 addresses as strings (VELM_HOST_ADDRESSES when set).
 PropertyList get_host_ips();
+// Every address this machine answers to, as the platform lists its own host: the stand-ins when
+// VELM_HOST_ADDRESSES is set, else every interface address and the loopback ones.
+PropertyList current_host_addresses();
 // Directory node information: attribute name to array of values; node 0 is the search node.
 PropertyList DSGetNodeInfo(int node, const std::vector<std::string>& attributes);
 

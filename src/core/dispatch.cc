@@ -33,6 +33,15 @@ const std::map<std::string_view, VelmPlugin::Handler>& handlers() {
       {"readSettingsWithRequest:", &VelmPlugin::readSettingsWithRequest},
       {"getLUNsWithRequest:", &VelmPlugin::getLUNsWithRequest},
       {"refreshLUNsWithRequest:", &VelmPlugin::refreshLUNsWithRequest},
+      {"getVolumeStateWithRequest:", &VelmPlugin::getVolumeStateWithRequest},
+      {"setVolumeStateWithRequest:", &VelmPlugin::setVolumeStateWithRequest},
+      {"getVolumesWithRequest:", &VelmPlugin::getVolumesWithRequest},
+      {"getMountsWithRequest:", &VelmPlugin::getMountsWithRequest},
+      {"mountVolumeWithRequest:", &VelmPlugin::mountVolumeWithRequest},
+      {"getLogPathsWithRequest:", &VelmPlugin::getLogPathsWithRequest},
+      {"getMountOptionsWithRequest:", &VelmPlugin::getMountOptionsWithRequest},
+      {"readProgressWithRequest:", &VelmPlugin::readProgressWithRequest},
+      {"runDotCleanWithRequest:", &VelmPlugin::runDotCleanWithRequest},
       {"testPerformanceWithRequest:", &VelmPlugin::testPerformanceWithRequest},
   };
   return table;

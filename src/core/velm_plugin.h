@@ -42,6 +42,27 @@ class VelmPlugin : public PluginRequestHandler {
   std::optional<PropertyList> getComputerPropertiesWithRequest(const PropertyList& request);
   std::optional<PropertyList> getLUNsWithRequest(const PropertyList& request);
   std::optional<PropertyList> refreshLUNsWithRequest(const PropertyList& request);
+  // Volume state and inspection.
+  std::optional<PropertyList> getVolumeStateWithRequest(const PropertyList& request);
+  std::optional<PropertyList> setVolumeStateWithRequest(const PropertyList& request);
+  std::optional<PropertyList> getVolumesWithRequest(const PropertyList& request);
+  std::optional<PropertyList> getMountsWithRequest(const PropertyList& request);
+  std::optional<PropertyList> mountVolumeWithRequest(const PropertyList& request);
+  std::optional<PropertyList> getLogPathsWithRequest(const PropertyList& request);
+  std::optional<PropertyList> getMountOptionsWithRequest(const PropertyList& request);
+  // Long tasks.
+  std::optional<PropertyList> readProgressWithRequest(const PropertyList& request);
+  std::optional<PropertyList> runDotCleanWithRequest(const PropertyList& request);
+
+  // ---- long tasks: one child process per volume, known from its status file ----
+  // Stores the description, or with nullptr removes the volume's entry.
+  void noteLongTask(const PropertyList* description, std::string_view volume);
+  std::optional<PropertyList> getLongTask(std::string_view volume) const;
+  size_t countLongTasks() const;
+  // True while a task of the volume is on record; asking may notice its end and reap it.
+  bool checkForLongTask(std::string_view volume);
+  // The task's state in the keys of a readProgress response; may end the task.
+  PropertyList processUpdateStatus(const PropertyList& description, std::string_view volume);
 
  private:
   std::optional<PropertyList> refuse(const char* text);

@@ -36,6 +36,8 @@ class SANFilesystem : public CachedObject {
   // True when the local port mapper lists an FSM of that name. Takes the QMAdmin lock.
   bool isRunningVolumeNamed(std::string_view name);
   bool isFsmpmRunning();
+  // True when this machine hosts the volume's active FSM now (defined with the volume readers).
+  bool areWePrimaryController(const std::string& volume);
   // True when the record's VolumeStats.Host names this machine (by a name or an address).
   bool areWePrimaryControllerWithDict(const PropertyList& volumeRecord);
 

@@ -148,7 +148,7 @@ const CpuTypeRow* searchCpuType(const CpuTypeKey& k) {
 
 std::uint32_t clampTo32(std::uint64_t hz) {
   return hz > std::numeric_limits<std::uint32_t>::max() ? std::numeric_limits<std::uint32_t>::max()
-                                                         : static_cast<std::uint32_t>(hz);
+                                                        : static_cast<std::uint32_t>(hz);
 }
 
 }  // namespace
@@ -183,10 +183,12 @@ std::optional<std::string> HHI_CopyCPUKind(bool longForm) {
   // Deliberate: the device tree's word is final, even when it names nothing.
   if (auto cpuType = host.deviceTreeCpuType()) {
     if (cpuType->size() != 2)
-      NLog("cpu-type data length incorrect size, expect 2, received %d", static_cast<int>(cpuType->size()));
+      NLog("cpu-type data length incorrect size, expect 2, received %d",
+           static_cast<int>(cpuType->size()));
     if (cpuType->size() < 2) return std::nullopt;
     MajorMinorKey key{(*cpuType)[1], (*cpuType)[0], host.coreCount().value_or(1)};
-    return nameOf(remembered(gMajorMinorMemo, key, [&] { return searchMajorMinor(key); }), longForm);
+    return nameOf(remembered(gMajorMinorMemo, key, [&] { return searchMajorMinor(key); }),
+                  longForm);
   }
 
   auto family = host.cpuFamily();

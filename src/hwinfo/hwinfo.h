@@ -18,7 +18,8 @@ std::uint64_t HHI_PhysicalMemorySize();
 std::optional<std::string> HHI_CopyComputerModelName(bool raw);
 
 std::uint32_t HHI_BusSpeedInHz();
-std::string HHI_CopyCPUDescription(int count, std::uint32_t speedHz, const std::optional<std::string>& kind);
+std::string HHI_CopyCPUDescription(int count, std::uint32_t speedHz,
+                                   const std::optional<std::string>& kind);
 std::string HHI_CopyCurrentCPUDescription();
 std::string HHI_CopyBusSpeedDescription(std::uint32_t speedHz);
 std::string HHI_CopyCurrentBusSpeedDescription();

@@ -5,14 +5,13 @@
 #include <string>
 #include <string_view>
 
+#include "platform/resources.h"
 #include "plist/plist.h"
 
 namespace velm::hwinfo {
 
-// The resources directory ("the bundle"); nothing when there is none.
-std::optional<std::string> resourcesDirectory();
-// A dictionary file of the resources directory; nothing when absent or unreadable.
-std::optional<PropertyList> resourceTable(std::string_view fileName);
+using velm::resourcesDirectory;
+using velm::resourceTable;
 // The HostHardwareInfo translation of key, or its built-in default.
 std::string translated(std::string_view key);
 void resetTextsForTest();

@@ -1,12 +1,8 @@
-#include "hwinfo/hwinfo.h"
-
-#include <dlfcn.h>
-#include <limits.h>
-
 #include <cmath>
 #include <cstdlib>
 #include <mutex>
 
+#include "hwinfo/hwinfo.h"
 #include "hwinfo/hwinfo_internal.h"
 #include "platform/files.h"
 #include "plist/format.h"
@@ -39,38 +35,10 @@ constexpr Default kDefaults[] = {
     {"DecimalEB", "%.*f EB"},
 };
 
-std::mutex gStringsMutex;  // guards gStrings; leaf
+std::mutex gStringsMutex;                             // guards gStrings; leaf
 std::optional<std::optional<PropertyList>> gStrings;  // outer: loaded yet; inner: the table
 
-int dummyAnchor;  // an address inside this program or plugin, for dladdr
-
 }  // namespace
-
-std::optional<std::string> resourcesDirectory() {
-  if (const char* env = std::getenv("VELM_RESOURCES"); env && *env) {
-    if (pathExists(env)) return std::string(env);
-    return std::nullopt;
-  }
-  Dl_info info{};
-  if (!::dladdr(&dummyAnchor, &info) || !info.dli_fname || !*info.dli_fname) return std::nullopt;
-  char resolved[PATH_MAX];
-  if (!::realpath(info.dli_fname, resolved)) return std::nullopt;
-  std::string dir(resolved);
-  dir.resize(dir.rfind('/') + 1);
-  // Beside the plugin; for a program linked with the library, the plugin's folder of the build
-  // tree or of the installation.
-  for (const char* rel : {"resources", "../lib/resources", "../lib/adminhost/resources"}) {
-    std::string candidate = dir + rel;
-    if (pathExists(candidate)) return candidate;
-  }
-  return std::nullopt;
-}
-
-std::optional<PropertyList> resourceTable(std::string_view fileName) {
-  auto dir = resourcesDirectory();
-  if (!dir) return std::nullopt;
-  return readDictionaryFile(*dir + "/" + std::string(fileName));
-}
 
 std::string translated(std::string_view key) {
   {
@@ -151,23 +119,31 @@ std::string sizeDescription(std::uint64_t mb, unsigned base) {
 
 bool mentionsHz(const std::string& text) {
   for (size_t i = 0; i + 1 < text.size(); ++i)
-    if ((text[i] == 'h' || text[i] == 'H') && (text[i + 1] == 'z' || text[i + 1] == 'Z')) return true;
+    if ((text[i] == 'h' || text[i] == 'H') && (text[i + 1] == 'z' || text[i + 1] == 'Z'))
+      return true;
   return false;
 }
 
 }  // namespace
 
-std::string HHI_CopyCPUDescription(int count, std::uint32_t speedHz, const std::optional<std::string>& kind) {
+std::string HHI_CopyCPUDescription(int count, std::uint32_t speedHz,
+                                   const std::optional<std::string>& kind) {
   std::string name = kind ? *kind : translated("UnknownCPUKind");
   // A kind such as "PowerPC G4 1.25 GHz" names its speed already.
   std::string text =
-      mentionsHz(name) ? name : apply("IntelSpeedAndTypeFormat", {speedDescription(speedHz, false), name});
+      mentionsHz(name) ? name
+                       : apply("IntelSpeedAndTypeFormat", {speedDescription(speedHz, false), name});
   switch (count) {
-    case 1: return apply("Intel1xCPUFormat", {text});
-    case 2: return apply("Intel2xCPUFormat", {text});
-    case 3: return apply("Intel3xCPUFormat", {text});
-    case 4: return apply("Intel4xCPUFormat", {text});
-    default: return apply("IntelNxCPUFormat", {count, text});
+    case 1:
+      return apply("Intel1xCPUFormat", {text});
+    case 2:
+      return apply("Intel2xCPUFormat", {text});
+    case 3:
+      return apply("Intel3xCPUFormat", {text});
+    case 4:
+      return apply("Intel4xCPUFormat", {text});
+    default:
+      return apply("IntelNxCPUFormat", {count, text});
   }
 }
 
@@ -175,11 +151,17 @@ std::string HHI_CopyCurrentCPUDescription() {
   return HHI_CopyCPUDescription(HHI_NumberOfCPUs(), HHI_CPUSpeedInHz(), HHI_CopyCPUKind(false));
 }
 
-std::string HHI_CopyBusSpeedDescription(std::uint32_t speedHz) { return speedDescription(speedHz, true); }
+std::string HHI_CopyBusSpeedDescription(std::uint32_t speedHz) {
+  return speedDescription(speedHz, true);
+}
 
-std::string HHI_CopyCurrentBusSpeedDescription() { return HHI_CopyBusSpeedDescription(HHI_BusSpeedInHz()); }
+std::string HHI_CopyCurrentBusSpeedDescription() {
+  return HHI_CopyBusSpeedDescription(HHI_BusSpeedInHz());
+}
 
-std::string HHI_CopyRAMDescription(std::uint64_t bytes) { return sizeDescription(bytes >> 20, 1024); }
+std::string HHI_CopyRAMDescription(std::uint64_t bytes) {
+  return sizeDescription(bytes >> 20, 1024);
+}
 
 std::string HHI_CopyDiskSizeDescription(std::uint64_t bytes) {
   return sizeDescription(bytes / 1000000, 1000);

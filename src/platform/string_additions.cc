@@ -31,7 +31,8 @@ std::string stringByStrippingTrailingWhitespace(std::string_view s) {
 
 bool ipAddressIsInSubnet(std::string_view ipAddress, std::string_view subnet) {
   size_t slash = subnet.find('/');
-  if (slash == std::string_view::npos || subnet.find('/', slash + 1) != std::string_view::npos) return false;
+  if (slash == std::string_view::npos || subnet.find('/', slash + 1) != std::string_view::npos)
+    return false;
   std::string net(subnet.substr(0, slash));
   std::string_view bitsText = subnet.substr(slash + 1);
   // Like intValue: leading blanks and a sign are skipped, the leading digits count, anything
@@ -55,9 +56,8 @@ bool containsString(std::string_view haystack, std::string_view needle) {
   if (needle.size() > haystack.size()) return false;
   for (size_t i = 0; i + needle.size() <= haystack.size(); ++i) {
     size_t j = 0;
-    while (j < needle.size() &&
-           std::tolower(static_cast<unsigned char>(haystack[i + j])) ==
-               std::tolower(static_cast<unsigned char>(needle[j])))
+    while (j < needle.size() && std::tolower(static_cast<unsigned char>(haystack[i + j])) ==
+                                    std::tolower(static_cast<unsigned char>(needle[j])))
       ++j;
     if (j == needle.size()) return true;
   }
@@ -68,7 +68,8 @@ int numericCompare(std::string_view a, std::string_view b) {
   auto next = [](std::string_view& s) -> unsigned long long {
     unsigned long long v = 0;
     size_t i = 0;
-    while (i < s.size() && std::isdigit(static_cast<unsigned char>(s[i]))) v = v * 10 + static_cast<unsigned>(s[i++] - '0');
+    while (i < s.size() && std::isdigit(static_cast<unsigned char>(s[i])))
+      v = v * 10 + static_cast<unsigned>(s[i++] - '0');
     while (i < s.size() && s[i] != '.') ++i;
     s.remove_prefix(i < s.size() ? i + 1 : i);
     return v;
@@ -100,6 +101,37 @@ std::vector<std::string> splitLinesDroppingLastEmpty(std::string_view text) {
   }
   if (!out.empty() && out.back().empty()) out.pop_back();
   return out;
+}
+
+bool isValidUtf8(std::string_view s) {
+  size_t i = 0;
+  while (i < s.size()) {
+    unsigned char c = static_cast<unsigned char>(s[i]);
+    size_t n;
+    unsigned long cp;
+    if (c < 0x80) {
+      ++i;
+      continue;
+    } else if ((c & 0xE0) == 0xC0) {
+      n = 1, cp = c & 0x1F;
+    } else if ((c & 0xF0) == 0xE0) {
+      n = 2, cp = c & 0x0F;
+    } else if ((c & 0xF8) == 0xF0) {
+      n = 3, cp = c & 0x07;
+    } else {
+      return false;
+    }
+    if (s.size() - i <= n) return false;
+    for (size_t k = 1; k <= n; ++k) {
+      unsigned char cc = static_cast<unsigned char>(s[i + k]);
+      if ((cc & 0xC0) != 0x80) return false;
+      cp = (cp << 6) | (cc & 0x3F);
+    }
+    bool overlong = (n == 1 && cp < 0x80) || (n == 2 && cp < 0x800) || (n == 3 && cp < 0x10000);
+    if (overlong || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
+    i += n + 1;
+  }
+  return true;
 }
 
 }  // namespace velm

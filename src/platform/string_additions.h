@@ -24,6 +24,8 @@ bool containsString(std::string_view haystack, std::string_view needle);
 int numericCompare(std::string_view a, std::string_view b);
 // How many characters (code points) UTF-8 text holds: every byte that doesn't continue a sequence.
 std::size_t characterCount(std::string_view utf8);
+// Well-formed UTF-8: no stray or overlong sequences, no surrogates, nothing past U+10FFFF.
+bool isValidUtf8(std::string_view s);
 // Splits file text on '\n', dropping one empty last piece.
 std::vector<std::string> splitLinesDroppingLastEmpty(std::string_view text);
 

@@ -55,7 +55,7 @@ TEST_F(DispatchTest, MalformedCommandsAreRefusedWithoutResponseOrLockFdChange) {
       {command("GETSTATE"), "Command to dispatch is unknown"},
       {command("testPerformance"), "Command to dispatch is unknown"},
       {command("tailFile"), "Does not respond to tailFileWithRequest:"},
-      {command("getVolumes"), "Does not respond to getVolumesWithRequest:"},
+      {command("addVolumes"), "Does not respond to addVolumesWithRequest:"},
   };
   for (const Case& c : cases) {
     log_.clear();

@@ -1,0 +1,132 @@
+#include "controller_helpers.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "adminlib/fsmcomm.h"
+#include "adminlib/qmadminlib.h"
+#include "adminlib/sock46.h"
+#include "core/san_computer.h"
+#include "gateway/san_filesystem.h"
+#include "platform/paths.h"
+#include "volumes/volume_state.h"
+
+namespace velm::test {
+namespace {
+
+int freePort() {
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in sin{};
+  sin.sin_family = AF_INET;
+  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof sin;
+  int port = 0;
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&sin), sizeof sin) == 0 &&
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&sin), &len) == 0)
+    port = ntohs(sin.sin_port);
+  ::close(fd);
+  return port;
+}
+
+unsigned short noRpcbind(const struct sockaddr_in*, unsigned long, unsigned long, unsigned int) {
+  return 0;
+}
+
+PmapGetportFunc gSavedPmap = nullptr;
+
+}  // namespace
+
+std::string fsmEntry(const std::string& name, bool active, bool running, const std::string& extra) {
+  return "<dict><key>name</key><string>" + name +
+         "</string><key>priority</key><integer>1</integer>" + "<key>active</key><" +
+         (active ? "true" : "false") + "/><key>running</key><" + (running ? "true" : "false") +
+         "/>" + extra + "</dict>";
+}
+
+void ControllerTest::SetUp() {
+  port_ = freePort();
+  ::setenv("VELM_HOST_ADDRESSES", kControllerA, 1);
+  ::setenv("VELM_PROBE_PORT", std::to_string(port_).c_str(), 1);
+  ::setenv("VELM_PROCFS", sandbox_.path("/proc").c_str(), 1);
+  resetPathsForTest();
+  gSavedPmap = PmapGetportHook;
+  PmapGetportHook = noRpcbind;
+  AltGetportResetForTest();
+  ResetAddrLists();
+  QMAdmin_SetPrivilegedForTest(1);
+  resetVolumeStateForTest();
+  SANFilesystem::resetForTest();
+  SANComputer::resetForTest();
+  std::string fsports = "altpmap " + std::to_string(port_) + "\n";
+  sandbox_.write("/Library/Filesystems/Velm/config/fsports", fsports);
+  sandbox_.write("/b/Library/Filesystems/Velm/config/fsports", fsports);
+}
+
+void ControllerTest::TearDown() {
+  QMAdmin_Teardown();
+  for (auto* pm : {pmA_.get(), pmB_.get()}) {
+    if (pm) {
+      EXPECT_EQ(pm->stop(), 0) << pm->stderrText();
+    }
+  }
+  PmapGetportHook = gSavedPmap;
+  AltGetportResetForTest();
+  ::unsetenv("VELM_HOST_ADDRESSES");
+  ::unsetenv("VELM_PROBE_PORT");
+  ::unsetenv("VELM_PROCFS");
+  resetPathsForTest();
+  ResetAddrLists();
+  resetVolumeStateForTest();
+  SANFilesystem::resetForTest();
+  SANComputer::resetForTest();
+}
+
+bool ControllerTest::startSan(const std::string& fsmsOfA, const std::string& fsmsOfB) {
+  std::string peerOfA = std::string(kControllerB) + ":" + std::to_string(port_);
+  std::string peerOfB = std::string(kControllerA) + ":" + std::to_string(port_);
+  auto config = [](const std::string& fsms, const std::string& peer) {
+    return "<plist version=\"1.0\"><dict><key>fsms</key><array>" + fsms +
+           "</array><key>peers</key><array><string>" + peer + "</string></array></dict></plist>\n";
+  };
+  sandbox_.write("/simpm.plist", config(fsmsOfA, peerOfA));
+  sandbox_.write("/b/simpm.plist", config(fsmsOfB, peerOfB));
+  pmA_ = std::make_unique<SimProcess>();
+  pmB_ = std::make_unique<SimProcess>();
+  bool a = pmA_->start("velm-simpm", {"--root", sandbox_.root(), "--listen", kControllerA},
+                       "listening on");
+  bool b = pmB_->start("velm-simpm", {"--root", sandbox_.path("/b"), "--listen", kControllerB},
+                       "listening on");
+  EXPECT_TRUE(a) << pmA_->stderrText();
+  EXPECT_TRUE(b) << pmB_->stderrText();
+  QMAdmin_Init();
+  return a && b;
+}
+
+void ControllerTest::writeVolumeConfig(const std::string& volume,
+                                       const std::vector<std::string>& controllers) {
+  std::string computers, priorities;
+  int n = 0;
+  for (const std::string& address : controllers) {
+    std::string uuid = "00000000-0000-4000-8000-00000000000" + std::to_string(++n);
+    if (address == kControllerA) sandbox_.write("/Library/Filesystems/Velm/config/uuid", uuid);
+    computers += "<dict><key>uuid</key><string>" + uuid +
+                 "</string><key>ipAddresses</key><array><string>" + address +
+                 "</string></array></dict>";
+    priorities += "<dict><key>controllerUUID</key><string>" + uuid +
+                  "</string><key>enabled</key><true/></dict>";
+  }
+  sandbox_.write(
+      "/Library/Filesystems/Velm/config/config.plist",
+      "<plist version=\"1.0\"><dict><key>role</key><string>CONTROLLER</string>"
+      "<key>metadataNetwork</key><string>127.0.0.0/8</string><key>computers</key><array>" +
+          computers + "</array></dict></plist>\n");
+  sandbox_.write("/Library/Filesystems/Velm/config/" + volume + "-auxdata.plist",
+                 "<plist version=\"1.0\"><dict><key>FailoverPriorities</key><array>" + priorities +
+                     "</array></dict></plist>\n");
+}
+
+}  // namespace velm::test
