@@ -1,9 +1,15 @@
 #include "sim/sim_common.h"
 
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <optional>
+
+#include "platform/files.h"
 
 namespace velm::sim {
 namespace {
@@ -59,6 +65,45 @@ void installSimStopHandler(void (*stop)(void*), void* context) {
   ::sigaction(SIGTERM, &sa, nullptr);
   ::sigaction(SIGINT, &sa, nullptr);
   std::signal(SIGPIPE, SIG_IGN);
+}
+
+namespace {
+
+// VELM_PROCFS when it names a sandbox; the real /proc is never written, whatever the environment
+// says.
+std::optional<std::string> procfsFromEnvironment() {
+  const char* env = std::getenv("VELM_PROCFS");
+  if (!env || !*env) return std::nullopt;
+  std::string p = std::filesystem::path(env).lexically_normal().string();
+  while (p.size() > 1 && p.back() == '/') p.pop_back();
+  if (p.empty() || p == "/proc" || p.rfind("/proc/", 0) == 0) return std::nullopt;
+  return p;
+}
+
+}  // namespace
+
+std::string sandboxProcfs(const std::string& root) {
+  return procfsFromEnvironment().value_or(root + "/proc");
+}
+
+SandboxProcessEntry::SandboxProcessEntry(const std::string& name) {
+  std::optional<std::string> procfs = procfsFromEnvironment();
+  if (!procfs) return;
+  std::string pid = std::to_string(::getpid());
+  dir_ = *procfs + "/" + pid;
+  if (makeDirectories(dir_) != 0) {
+    dir_.clear();
+    return;
+  }
+  writeFileAtomically(dir_ + "/cmdline", name + std::string(1, '\0'));
+  writeFileAtomically(dir_ + "/comm", name + "\n");
+  writeFileAtomically(dir_ + "/stat", pid + " (" + name + ") S 1 " + pid + " " + pid + " 0 -1\n");
+}
+
+SandboxProcessEntry::~SandboxProcessEntry() {
+  if (dir_.empty()) return;
+  std::error_code ec;
+  std::filesystem::remove_all(dir_, ec);
 }
 
 void SimConnections::serve(int fd, std::function<void(int fd)> body) {

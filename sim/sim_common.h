@@ -29,6 +29,24 @@ int parseSimFlags(const char* program, const char* usage, int argc, char** argv,
 // SIGTERM and SIGINT call stop(context) (which must be async-signal-safe); SIGPIPE is ignored.
 void installSimStopHandler(void (*stop)(void*), void* context);
 
+// The process table the plugin reads in a sandbox: VELM_PROCFS when it is set and not the real
+// /proc (which is never written), else <root>/proc.
+std::string sandboxProcfs(const std::string& root);
+
+// Lists this process under a name of its choice in the sandbox's process table (<procfs>/<pid>/
+// cmdline, comm and stat), as the real program would show in /proc, while it lives. Only when
+// VELM_PROCFS names a sandbox: with the real /proc the plugin sees the real process table.
+class SandboxProcessEntry {
+ public:
+  explicit SandboxProcessEntry(const std::string& name);
+  ~SandboxProcessEntry();
+  SandboxProcessEntry(const SandboxProcessEntry&) = delete;
+  SandboxProcessEntry& operator=(const SandboxProcessEntry&) = delete;
+
+ private:
+  std::string dir_;
+};
+
 // The connections being served. The accept loop adds each one and reaps the finished ones.
 class SimConnections {
  public:

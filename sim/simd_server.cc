@@ -79,14 +79,7 @@ std::optional<PropertyList> parseRequest(const std::string& text, bool tooLarge,
 }  // namespace
 
 std::string simdMountInfoPath(const std::string& root) {
-  std::string procfs;
-  if (const char* env = std::getenv("VELM_PROCFS"); env && *env) {
-    std::string p = withoutTrailingSlashes(std::filesystem::path(env).lexically_normal().string());
-    // Deliberate: the real /proc is never written, whatever the environment says.
-    if (!p.empty() && p != "/proc" && p.rfind("/proc/", 0) != 0) procfs = p;
-  }
-  if (procfs.empty()) procfs = root + "/proc";
-  return procfs + "/self/mountinfo";
+  return sandboxProcfs(root) + "/self/mountinfo";
 }
 
 SimDaemon::~SimDaemon() {

@@ -100,6 +100,8 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "velm-simpm: %s\n", error.c_str());
     return 1;
   }
+  // The plugin looks for its port mapper by name in the process table.
+  velm::sim::SandboxProcessEntry entry("fsmpm");
   server.run();
   return 0;
 }
