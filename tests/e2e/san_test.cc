@@ -1,0 +1,178 @@
+// Two controllers side by side on loopback, each its own root, port mapper and host daemon; the
+// first also runs velmd. A volume is started, failed over, stopped and restarted through the
+// daemons, and both sides see the same SAN.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "config/config_test_util.h"
+#include "e2e/e2e_helpers.h"
+#include "support/sim_process.h"
+
+namespace velm {
+namespace {
+
+constexpr const char* kA = "127.0.0.2";
+constexpr const char* kB = "127.0.0.3";
+constexpr const char* kUuidA = "0A0A0A0A-0000-4000-8000-00000000000A";
+constexpr const char* kUuidB = "0B0B0B0B-0000-4000-8000-00000000000B";
+
+int freePort() {
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in sin{};
+  sin.sin_family = AF_INET;
+  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof sin;
+  int port = 0;
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&sin), sizeof sin) == 0 &&
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&sin), &len) == 0)
+    port = ntohs(sin.sin_port);
+  ::close(fd);
+  return port;
+}
+
+struct Controller {
+  const char* address;
+  const char* uuid;
+  const char* peer;
+  test::SandboxRoot root;
+  test::SimProcess portMapper;
+  std::unique_ptr<test::Daemon> daemon;
+  std::unique_ptr<test::Client> client;
+};
+
+class TwoControllersTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    pmPort_ = freePort();
+    probePort_ = freePort();
+    for (Controller* c : {&a_, &b_}) prepare(*c);
+    for (Controller* c : {&a_, &b_}) {
+      // What each controller's programs take from the environment when they start.
+      ::setenv("VELM_HOST_ADDRESSES", c->address, 1);
+      ::setenv("VELM_PROBE_PORT", std::to_string(probePort_).c_str(), 1);
+      ::setenv("VELM_PROCFS", c->root.path("/proc").c_str(), 1);
+      ASSERT_TRUE(c->portMapper.start(
+          "velm-simpm", {"--root", c->root.root(), "--listen", c->address}, "listening on"))
+          << c->portMapper.stderrText();
+      if (c == &a_) {
+        ASSERT_TRUE(velmd_.start("velm-simd", {"--root", c->root.root()}, "listening on"))
+            << velmd_.stderrText();
+      }
+      std::string plugins = test::makePluginDir(c->root, {{"velm", test::velmPluginPath()}});
+      c->daemon = std::make_unique<test::Daemon>(
+          c->root, plugins,
+          std::vector<std::string>{"--listen",
+                                   std::string(c->address) + ":" + std::to_string(probePort_),
+                                   "--idle-interval", "0"});
+      ASSERT_TRUE(c->daemon->start()) << c->daemon->stderrText();
+      c->client = std::make_unique<test::Client>(c->daemon->url());
+    }
+  }
+  void TearDown() override {
+    for (const char* v : {"VELM_HOST_ADDRESSES", "VELM_PROBE_PORT", "VELM_PROCFS"}) ::unsetenv(v);
+  }
+
+  void prepare(Controller& c) {
+    std::string config = "/Library/Filesystems/Velm/config/";
+    c.root.write(config + "fsports", "altpmap " + std::to_string(pmPort_) + "\n");
+    c.root.write(config + "uuid", c.uuid);
+    c.root.write(
+        config + "config.plist",
+        std::string("<plist version=\"1.0\"><dict><key>role</key><string>CONTROLLER</string>") +
+            "<key>metadataNetwork</key><string>127.0.0.0/8</string><key>computers</key><array>" +
+            computer(kUuidA, kA) + computer(kUuidB, kB) + "</array></dict></plist>\n");
+    c.root.write(config + "Projects.cfg", test::kRealisticConfig);
+    // The other controller first: this machine comes up as standby and the volume stays where
+    // it starts.
+    c.root.write(config + "Projects-auxdata.plist",
+                 std::string("<plist version=\"1.0\"><dict><key>FailoverPriorities</key><array>") +
+                     priority(kUuidB) + priority(kUuidA) + "</array></dict></plist>\n");
+    c.root.write(
+        "/simpm.plist",
+        std::string("<plist version=\"1.0\"><dict><key>fsms</key><array><dict><key>name</key>") +
+            "<string>Projects</string><key>priority</key><integer>1</integer><key>running</key>"
+            "<false/></dict></array><key>peers</key><array><string>" +
+            c.peer + ":" + std::to_string(pmPort_) + "</string></array></dict></plist>\n");
+  }
+  static std::string computer(const char* uuid, const char* address) {
+    return std::string("<dict><key>uuid</key><string>") + uuid +
+           "</string><key>ipAddresses</key><array><string>" + address + "</string></array></dict>";
+  }
+  static std::string priority(const char* uuid) {
+    return std::string("<dict><key>controllerUUID</key><string>") + uuid +
+           "</string><key>enabled</key><true/></dict>";
+  }
+
+  PropertyList command(Controller& c, const std::string& name,
+                       std::vector<std::pair<std::string, PropertyList>> keys = {}) {
+    test::Reply r =
+        c.client->command("velm", test::request(name, std::move(keys)), test::readToken(c.root));
+    EXPECT_EQ(r.status, 200) << name << ": " << r.body;
+    return r.plist ? *r.plist : PropertyList();
+  }
+  PropertyList setState(Controller& c, const char* state) {
+    return command(c, "setVolumeState",
+                   {{"name", PropertyList("Projects")}, {"state", PropertyList(state)}});
+  }
+  PropertyList details(Controller& c) {
+    return command(c, "getVolumeState",
+                   {{"name", PropertyList("Projects")}, {"variant", PropertyList("withDetails")}});
+  }
+  static long long status(const PropertyList& r) {
+    const PropertyList* s = r.get("status");
+    return s ? s->int64Value().value_or(-99) : -99;
+  }
+  static std::string text(const PropertyList& r, const char* key) {
+    const std::string* s = r.getString(key);
+    return s ? *s : "(none)";
+  }
+
+  int pmPort_ = 0, probePort_ = 0;
+  Controller a_{kA, kUuidA, kB, {}, {}, {}, {}};
+  Controller b_{kB, kUuidB, kA, {}, {}, {}, {}};
+  test::SimProcess velmd_;
+};
+
+TEST_F(TwoControllersTest, StartFailOverStopAndRestartSeenFromBothSides) {
+  EXPECT_EQ(text(details(b_), "state"), "STOPPED");
+
+  PropertyList started = setState(a_, "START");
+  EXPECT_EQ(status(started), 0) << describe(started);
+  EXPECT_EQ(text(started, "state"), "RUNNING");
+  std::string active = text(details(b_), "hostIPAddress");
+  EXPECT_EQ(text(details(a_), "hostIPAddress"), active);
+  ASSERT_TRUE(active == kA || active == kB) << active;
+
+  PropertyList failed = setState(a_, "FAIL");
+  EXPECT_EQ(status(failed), 0) << describe(failed);
+  std::string now = text(details(b_), "hostIPAddress");
+  EXPECT_NE(now, active);
+  EXPECT_EQ(text(details(a_), "state"), "RUNNING");
+
+  PropertyList stopped = setState(b_, "STOP");
+  EXPECT_EQ(status(stopped), 0) << describe(stopped);
+  EXPECT_EQ(text(details(a_), "state"), "STOPPED");
+  EXPECT_EQ(text(details(b_), "state"), "STOPPED");
+
+  PropertyList restarted = setState(a_, "RESTART");
+  EXPECT_EQ(status(restarted), 0) << describe(restarted);
+  EXPECT_EQ(text(details(b_), "state"), "RUNNING");
+
+  for (Controller* c : {&a_, &b_}) {
+    EXPECT_EQ(command(*c, "getVolumes").get("volumes")->size(), 1u);
+    PropertyList mounts = command(*c, "getMounts", {{"name", PropertyList("Projects")}});
+    EXPECT_EQ(status(mounts), 0) << describe(mounts);
+  }
+  PropertyList mounted = command(
+      a_, "mountVolume", {{"name", PropertyList("Projects")}, {"showVolume", PropertyList(2)}});
+  EXPECT_EQ(mounted.get("access")->int64Value(), 2) << describe(mounted);
+  EXPECT_NE(a_.root.read("/proc/self/mountinfo").find(" - qufs Projects rw"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace velm
