@@ -21,6 +21,7 @@
 #include "config/config_parser.h"
 #include "core/velm_plugin.h"
 #include "gateway/san_filesystem.h"
+#include "model/plugin_status.h"
 #include "platform/entry_name.h"
 #include "platform/files.h"
 #include "platform/log.h"
@@ -63,7 +64,6 @@ constexpr std::string_view kUpdateTool = "/Library/Filesystems/Velm/bin/drupdate
 constexpr std::string_view kDotCleanScript = "dotclean_wrapper.sh";
 
 constexpr int kNotStarted = 22;
-constexpr int kLongTaskRunning = 100058;
 
 struct TaskFiles {
   std::string status, log, error;
@@ -440,7 +440,7 @@ std::optional<PropertyList> VelmPlugin::runDotCleanWithRequest(const PropertyLis
 
   if (name && checkForLongTask(*name)) {
     NError("runDotClean: long-running operation already in progress for volume '%@'", *name);
-    return answer(kLongTaskRunning);
+    return answer(kStatusLongTaskRunning);
   }
   if (!mountPath) {
     NError("%s: No mount path found for volume '%@'", __func__,
