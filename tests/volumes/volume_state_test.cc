@@ -141,6 +141,16 @@ TEST_F(VolumeStateTest, StartWithoutAnAddressOfThisMachineFails) {
   EXPECT_EQ(stateOn("Projects", kControllerB), STATE_ACTIVE);
 }
 
+TEST_F(VolumeStateTest, AnEarlierFailureKeepsItsCode) {
+  // B's port mapper doesn't know the volume: its standby fails, and the start here still happens.
+  ASSERT_TRUE(startSan(fsmEntry("Projects", false, false), ""));
+  writeVolumeConfig("Projects", {kControllerB, kControllerA});
+  PropertyList r = setState("Projects", "START");
+  EXPECT_EQ(status(r), 100036);
+  EXPECT_EQ(*r.getString("state"), "RUNNING");
+  EXPECT_EQ(stateOn("Projects", kControllerA), STATE_ACTIVE);
+}
+
 TEST_F(VolumeStateTest, MalformedAndUnknownRequests) {
   ASSERT_TRUE(startSan(fsmEntry("Projects", true), ""));
   EXPECT_EQ(run("setVolumeState", {{"state", PropertyList("STOP")}}).size(),
@@ -235,6 +245,9 @@ TEST_F(VolumeStateTest, DetailsOfARunningVolumeAndOfAStandby) {
   EXPECT_FALSE(stats->get("TotalSize"));
   EXPECT_FALSE(standby.get("volumeInfo")->get("StripeGroups"));
   EXPECT_EQ(*run("getVolumeState", {{"name", PropertyList("Gone")}}).getString("state"), "STOPPED");
+  // Without details, a volume with only standbys is stopped.
+  EXPECT_EQ(*run("getVolumeState", {{"name", PropertyList("Archive")}}).getString("state"),
+            "STOPPED");
 }
 
 }  // namespace
