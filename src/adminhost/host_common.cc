@@ -111,7 +111,11 @@ PropertyList get_interfaces_info() {
   return out;
 }
 
-PropertyList get_host_ips() {
+namespace {
+
+// The stand-ins when set; else the interface addresses (only IPv4 ones when onlyIPv4), and with
+// loopback the loopback addresses too.
+PropertyList ownAddresses(bool onlyIPv4, bool loopback) {
   PropertyList out = PropertyList::array();
   if (auto standIns = standInAddresses()) {
     for (const auto& a : *standIns) out.push(a);
@@ -121,24 +125,19 @@ PropertyList get_host_ips() {
   for (const auto& e : *info.asArray()) {
     const std::string* family = e.getString("family");
     const std::string* address = e.getString("ipAddress");
-    if (family && address && *family == "AF_INET") out.push(*address);
+    if (address && (!onlyIPv4 || (family && *family == "AF_INET"))) out.push(*address);
+  }
+  if (loopback) {
+    out.push("127.0.0.1");
+    out.push("::1");
   }
   return out;
 }
 
-PropertyList current_host_addresses() {
-  PropertyList out = PropertyList::array();
-  if (auto standIns = standInAddresses()) {
-    for (const auto& a : *standIns) out.push(a);
-    return out;
-  }
-  PropertyList info = get_interfaces_info();
-  for (const auto& e : *info.asArray()) {
-    if (const std::string* address = e.getString("ipAddress")) out.push(*address);
-  }
-  out.push("127.0.0.1");
-  out.push("::1");
-  return out;
-}
+}  // namespace
+
+PropertyList get_host_ips() { return ownAddresses(true, false); }
+
+PropertyList current_host_addresses() { return ownAddresses(false, true); }
 
 }  // namespace velm

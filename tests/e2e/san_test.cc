@@ -11,6 +11,7 @@
 
 #include "config/config_test_util.h"
 #include "e2e/e2e_helpers.h"
+#include "support/ports.h"
 #include "support/sim_process.h"
 
 namespace velm {
@@ -20,20 +21,6 @@ constexpr const char* kA = "127.0.0.2";
 constexpr const char* kB = "127.0.0.3";
 constexpr const char* kUuidA = "0A0A0A0A-0000-4000-8000-00000000000A";
 constexpr const char* kUuidB = "0B0B0B0B-0000-4000-8000-00000000000B";
-
-int freePort() {
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in sin{};
-  sin.sin_family = AF_INET;
-  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof sin;
-  int port = 0;
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&sin), sizeof sin) == 0 &&
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&sin), &len) == 0)
-    port = ntohs(sin.sin_port);
-  ::close(fd);
-  return port;
-}
 
 struct Controller {
   const char* address;
@@ -48,8 +35,8 @@ struct Controller {
 class TwoControllersTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    pmPort_ = freePort();
-    probePort_ = freePort();
+    pmPort_ = test::freeLoopbackPort();
+    probePort_ = test::freeLoopbackPort();
     for (Controller* c : {&a_, &b_}) prepare(*c);
     for (Controller* c : {&a_, &b_}) {
       // What each controller's programs take from the environment when they start.

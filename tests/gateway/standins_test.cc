@@ -11,24 +11,11 @@
 #include "gateway/san_filesystem.h"
 #include "gateway_test_helpers.h"
 #include "platform/files.h"
+#include "support/ports.h"
 #include "support/sim_process.h"
 
 namespace velm {
 namespace {
-
-int freePort() {
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in sin{};
-  sin.sin_family = AF_INET;
-  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof sin;
-  int port = 0;
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&sin), sizeof sin) == 0 &&
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&sin), &len) == 0)
-    port = ntohs(sin.sin_port);
-  ::close(fd);
-  return port;
-}
 
 class StandInsTest : public test::GatewayTest {
  protected:
@@ -76,7 +63,7 @@ TEST_F(StandInsTest, ConfigChangesReachVelmdWhoseRepliesMayComeInPieces) {
 }
 
 TEST_F(StandInsTest, RunningVolumesAreThoseTheLocalPortMapperLists) {
-  int port = freePort();
+  int port = test::freeLoopbackPort();
   sandbox_.write("/Library/Filesystems/Velm/config/fsports",
                  "altpmap " + std::to_string(port) + "\n");
   sandbox_.write(

@@ -13,24 +13,11 @@
 #include "core/san_computer.h"
 #include "gateway/san_filesystem.h"
 #include "platform/paths.h"
+#include "support/ports.h"
 #include "volumes/volume_state.h"
 
 namespace velm::test {
 namespace {
-
-int freePort() {
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in sin{};
-  sin.sin_family = AF_INET;
-  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof sin;
-  int port = 0;
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&sin), sizeof sin) == 0 &&
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&sin), &len) == 0)
-    port = ntohs(sin.sin_port);
-  ::close(fd);
-  return port;
-}
 
 unsigned short noRpcbind(const struct sockaddr_in*, unsigned long, unsigned long, unsigned int) {
   return 0;
@@ -48,7 +35,7 @@ std::string fsmEntry(const std::string& name, bool active, bool running, const s
 }
 
 void ControllerTest::SetUp() {
-  port_ = freePort();
+  port_ = freeLoopbackPort();
   ::setenv("VELM_HOST_ADDRESSES", kControllerA, 1);
   ::setenv("VELM_PROBE_PORT", std::to_string(port_).c_str(), 1);
   ::setenv("VELM_PROCFS", sandbox_.path("/proc").c_str(), 1);
@@ -84,6 +71,16 @@ void ControllerTest::TearDown() {
   resetVolumeStateForTest();
   SANFilesystem::resetForTest();
   SANComputer::resetForTest();
+}
+
+PropertyList ControllerTest::run(std::string_view command,
+                                 std::vector<std::pair<std::string, PropertyList>> keys) {
+  PropertyList r = PropertyList::dict();
+  r.set("command", command);
+  for (auto& [k, v] : keys) r.set(k, v);
+  std::int32_t fd = -1;
+  std::optional<PropertyList> out = plugin_.doProcessInputWithRequest(r, &context_, &fd);
+  return out ? *out : PropertyList();
 }
 
 bool ControllerTest::startSan(const std::string& fsmsOfA, const std::string& fsmsOfB) {

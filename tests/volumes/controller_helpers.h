@@ -6,7 +6,11 @@
 
 #include <memory>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
+#include "core/velm_plugin.h"
 #include "platform/clock.h"
 #include "support/log_capture.h"
 #include "support/sandbox.h"
@@ -27,11 +31,16 @@ class ControllerTest : public SandboxTest {
   bool startSan(const std::string& fsmsOfA, const std::string& fsmsOfB);
   // config.plist, uuid and <volume>-auxdata.plist: the volume's controllers in failover order.
   void writeVolumeConfig(const std::string& volume, const std::vector<std::string>& controllers);
+  // Runs a command through the plugin; null when it gave no response at all.
+  PropertyList run(std::string_view command,
+                   std::vector<std::pair<std::string, PropertyList>> keys = {});
   // The stand-in of controller A or B.
   SimProcess& portMapper(char which) { return which == 'A' ? *pmA_ : *pmB_; }
 
   LogCapture log_;
   ScopedFakeClock clock_;
+  VelmPlugin plugin_;
+  PropertyList context_ = PropertyList::dict();
   int port_ = 0;
 
  private:

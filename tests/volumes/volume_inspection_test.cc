@@ -30,9 +30,6 @@ class VolumeCommandsTest : public test::ControllerTest {
   long long number(const PropertyList& r, const char* key) {
     return r.get(key)->int64Value().value_or(-99);
   }
-
-  VelmPlugin plugin_;
-  PropertyList context_ = PropertyList::dict();
 };
 
 TEST_F(VolumeCommandsTest, MountVolumeGoesThroughVelmd) {

@@ -38,8 +38,6 @@ class VolumeStateTest : public test::ControllerTest {
     return response.get("status")->int64Value().value_or(-99);
   }
 
-  VelmPlugin plugin_;
-  PropertyList context_ = PropertyList::dict();
   std::string projects_ = "Projects";
 };
 
