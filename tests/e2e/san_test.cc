@@ -36,12 +36,17 @@ class TwoControllersTest : public ::testing::Test {
  protected:
   void SetUp() override {
     pmPort_ = test::freeLoopbackPort();
-    probePort_ = test::freeLoopbackPort();
+    // As root, the daemons listen where a real SAN has them, and the default probe finds them.
+    probePort_ = ::geteuid() == 0 ? 311 : test::freeLoopbackPort();
     for (Controller* c : {&a_, &b_}) prepare(*c);
     for (Controller* c : {&a_, &b_}) {
       // What each controller's programs take from the environment when they start.
       ::setenv("VELM_HOST_ADDRESSES", c->address, 1);
-      ::setenv("VELM_PROBE_PORT", std::to_string(probePort_).c_str(), 1);
+      if (probePort_ == 311) {
+        ::unsetenv("VELM_PROBE_PORT");
+      } else {
+        ::setenv("VELM_PROBE_PORT", std::to_string(probePort_).c_str(), 1);
+      }
       ::setenv("VELM_PROCFS", c->root.path("/proc").c_str(), 1);
       ASSERT_TRUE(c->portMapper.start(
           "velm-simpm", {"--root", c->root.root(), "--listen", c->address}, "listening on"))
