@@ -4,6 +4,7 @@
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <netdb.h>
+#include <netinet/tcp.h>
 #include <netpacket/packet.h>
 #include <pthread.h>
 #include <strings.h>
@@ -13,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -105,27 +107,63 @@ char* RawIp(const struct in6_addr* addr, char* out, std::size_t size) {
 }
 
 namespace {
-// Serialises reverse look-ups; a leaf.
+// Serialises reverse look-ups and guards gNameCache; a leaf.
 pthread_mutex_t host_lock = PTHREAD_MUTEX_INITIALIZER;
+
+// Reverse look-ups that were answered, or not, lately. A name server that is slow or away
+// would otherwise cost every volume read its time-out, twice.
+struct CachedName {
+  std::string text;  // the name, or empty when there was none
+  std::uint64_t expiresMicros;
+};
+constexpr std::uint64_t kNameLifeMicros = 60ull * 1000000;
+constexpr std::size_t kNameCacheMax = 256;
+std::map<std::string, CachedName> gNameCache;
 }  // namespace
 
 char* GetHostFromIp(const struct in6_addr* addr, char* out, std::size_t size) {
   if (!out || size == 0) return out;
-  struct sockaddr_storage ss;
-  socklen_t len = AddrToSockaddr(addr, 0, &ss);
-  char host[NI_MAXHOST];
+  std::string key(reinterpret_cast<const char*>(addr->s6_addr), sizeof addr->s6_addr);
+  std::uint64_t now = velm::clock().monotonicMicros();
+  std::string name;
+  bool known = false;
   QM_ASSERT(pthread_mutex_lock(&host_lock) == 0);
-  int rc = ::getnameinfo(reinterpret_cast<struct sockaddr*>(&ss), len, host, sizeof host, nullptr,
-                         0, NI_NAMEREQD);
+  if (auto it = gNameCache.find(key); it != gNameCache.end() && it->second.expiresMicros > now) {
+    name = it->second.text;
+    known = true;
+  }
   QM_ASSERT(pthread_mutex_unlock(&host_lock) == 0);
-  if (rc == 0)
-    adminlib::copyText(out, size, host);
+  if (!known) {
+    struct sockaddr_storage ss;
+    socklen_t len = AddrToSockaddr(addr, 0, &ss);
+    char host[NI_MAXHOST];
+    int rc = ::getnameinfo(reinterpret_cast<struct sockaddr*>(&ss), len, host, sizeof host, nullptr,
+                           0, NI_NAMEREQD);
+    if (rc == 0) name = host;
+    QM_ASSERT(pthread_mutex_lock(&host_lock) == 0);
+    if (gNameCache.size() >= kNameCacheMax) gNameCache.clear();
+    gNameCache[key] = CachedName{name, now + kNameLifeMicros};
+    QM_ASSERT(pthread_mutex_unlock(&host_lock) == 0);
+  }
+  if (!name.empty())
+    adminlib::copyText(out, size, name.c_str());
   else
     RawIp(addr, out, size);
   return out;
 }
 
 // ---- Sockets ----
+
+namespace {
+
+// Every exchange is a whole request and then a wait for its reply: holding back a message's
+// last piece for an acknowledgement (Nagle) only costs a delayed-ACK period.
+void noDelay(int fd) {
+  int one = 1;
+  ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+}
+
+}  // namespace
 
 int SockConnect(const struct in6_addr* addr, int port, int* err) {
   if (err) *err = 0;
@@ -140,6 +178,7 @@ int SockConnect(const struct in6_addr* addr, int port, int* err) {
     if (err) *err = errno;
     return -1;
   }
+  noDelay(fd.get());
   return fd.release();
 }
 
@@ -147,7 +186,10 @@ int Accept(int sock, struct in6_addr* addr, int* port) {
   struct sockaddr_storage ss {};
   socklen_t len = sizeof ss;
   int fd = ::accept4(sock, reinterpret_cast<struct sockaddr*>(&ss), &len, SOCK_CLOEXEC);
-  if (fd >= 0) SockaddrToAddr(reinterpret_cast<struct sockaddr*>(&ss), addr, port);
+  if (fd >= 0) {
+    SockaddrToAddr(reinterpret_cast<struct sockaddr*>(&ss), addr, port);
+    noDelay(fd);
+  }
   return fd;
 }
 

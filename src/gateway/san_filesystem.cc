@@ -139,7 +139,7 @@ PropertyList SANFilesystem::readVolumes() {
     if (!hasCfgExtension(name)) continue;
     std::unique_ptr<SANConfigParser> parser = SANConfigParser::parserForFile(name);
     // A file that doesn't parse is left out without a word here; the parser logs why.
-    if (parser && parser->parse()) volumes.push(parser->dictionary());
+    if (parser && parser->parse()) volumes.push(std::move(parser->dictionary()));
   }
   return volumes;
 }
@@ -170,8 +170,8 @@ PropertyList SANFilesystem::readVisibleLUNs() {
 }
 
 std::optional<PropertyList> SANFilesystem::volumeNamed(std::string_view name) {
-  PropertyList all = volumes();
-  if (const PlistArray* list = all.asArray()) {
+  const PropertyList* all = cachedValueForKey("volumes");
+  if (const PlistArray* list = all ? all->asArray() : nullptr) {
     for (const PropertyList& v : *list) {
       const std::string* n = v.getString("Name");
       if (n && *n == name) return v;
@@ -233,9 +233,7 @@ void SANFilesystem::updateDiskDescriptionTable() {
   namespace d = disk_description;
   PropertyList table = PropertyList::dict();
   // The service reports every present disk and then goes idle, so no wait is needed here.
-  for (PropertyList& description : volumeEventService().presentDisks()) {
-    const std::string* kind = description.getString(d::kVolumeKind);
-    if (!kind || *kind != kVolumeKind) continue;
+  for (PropertyList& description : volumeEventService().presentVolumesOfKind(kVolumeKind)) {
     const std::string* name = description.getString(d::kVolumeName);
     if (!name) continue;
     NLog("%s: got volume '%@': %@", __func__, *name, description);

@@ -25,10 +25,14 @@ void CachedObject::clearCache() {
 }
 
 PropertyList CachedObject::objectValueForKey(std::string_view key) {
-  if (const PropertyList* v = properties_.get(key)) return *v;
+  const PropertyList* v = cachedValueForKey(key);
+  return v ? *v : PropertyList();
+}
+
+const PropertyList* CachedObject::cachedValueForKey(std::string_view key) {
+  if (const PropertyList* v = properties_.get(key)) return v;
   reloadObjectValueForKey(key);
-  if (const PropertyList* v = properties_.get(key)) return *v;
-  return {};
+  return properties_.get(key);
 }
 
 void CachedObject::setObjectValue(PropertyList value, std::optional<std::string_view> key) {
@@ -54,7 +58,8 @@ void CachedObject::reloadObjectValueForKey(std::string_view key) {
   } else {
     NError("%s: Invalid command: %@", __func__, readerName);
   }
-  if (auto it = hooks_.find("setupNotificationsFor" + capitalised); it != hooks_.end()) it->second();
+  if (auto it = hooks_.find("setupNotificationsFor" + capitalised); it != hooks_.end())
+    it->second();
 }
 
 void CachedObject::invalidateObjectValueForKey(std::string_view key) { setObjectValue({}, key); }

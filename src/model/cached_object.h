@@ -28,6 +28,9 @@ class CachedObject {
   void clearCache();
   // The cached value, read when absent; null when the reader yields nothing.
   PropertyList objectValueForKey(std::string_view key);
+  // The same without the copy: valid until the cache next changes; null when the reader yields
+  // nothing.
+  const PropertyList* cachedValueForKey(std::string_view key);
   // Stores, or removes when value is null; a missing key changes nothing.
   void setObjectValue(PropertyList value, std::optional<std::string_view> key);
   void reloadObjectValueForKey(std::string_view key);

@@ -94,11 +94,25 @@ class LinuxVolumeEventService : public VolumeEventService {
     appendUdevDisks(mounts, out);
     return out;
   }
+  // The file system's volumes are mounts: no need to walk every disk for them.
+  std::vector<PropertyList> presentVolumesOfKind(std::string_view kind) override {
+    if (kind == kVolumeKind) return volumesIn(readMountInfo());
+    return VolumeEventService::presentVolumesOfKind(kind);
+  }
 };
 
 VolumeEventService* gOverride = nullptr;
 
 }  // namespace
+
+std::vector<PropertyList> VolumeEventService::presentVolumesOfKind(std::string_view kind) {
+  std::vector<PropertyList> out;
+  for (PropertyList& d : presentDisks()) {
+    const std::string* k = d.getString(disk_description::kVolumeKind);
+    if (k && *k == kind) out.push_back(std::move(d));
+  }
+  return out;
+}
 
 std::vector<PropertyList> mountedVolumeDescriptions() { return volumesIn(readMountInfo()); }
 

@@ -27,6 +27,8 @@ class VolumeEventService {
   // Every disk and mounted volume present now, one description each: the events a fresh session
   // reports before it goes idle.
   virtual std::vector<PropertyList> presentDisks() = 0;
+  // Those of presentDisks() whose volume kind is kind.
+  virtual std::vector<PropertyList> presentVolumesOfKind(std::string_view kind);
 };
 
 // The service in force: the Linux one unless a test installed another (caller keeps it).

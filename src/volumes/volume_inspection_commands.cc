@@ -15,8 +15,8 @@ namespace velm {
 
 std::optional<PropertyList> VelmPlugin::getVolumesWithRequest(const PropertyList&) {
   PropertyList response = PropertyList::dict();
-  PropertyList volumes = SANFilesystem::localFilesystem().volumes();
-  response.set("volumes", volumes.isNull() ? PropertyList::array() : volumes);
+  const PropertyList* volumes = SANFilesystem::localFilesystem().cachedValueForKey("volumes");
+  response.set("volumes", volumes ? *volumes : PropertyList::array());
   return response;
 }
 
@@ -69,8 +69,8 @@ std::optional<PropertyList> VelmPlugin::getLogPathsWithRequest(const PropertyLis
   response.set("systemLog", hostPath("/var/log/system.log"));
   response.set("fsmpmDebugLog", hostPath("/Library/Filesystems/Velm/debug/nssdbg.out"));
   if (!SANComputer::thisComputer().isController()) return response;
-  PropertyList volumes = SANFilesystem::localFilesystem().volumes();
-  if (const PlistArray* list = volumes.asArray()) {
+  const PropertyList* volumes = SANFilesystem::localFilesystem().cachedValueForKey("volumes");
+  if (const PlistArray* list = volumes ? volumes->asArray() : nullptr) {
     for (const PropertyList& volume : *list) {
       const std::string* volumeName = volume.getString("Name");
       if (!volumeName || !checkEntryName(__func__, "the volume name", *volumeName)) continue;

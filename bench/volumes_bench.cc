@@ -1,0 +1,587 @@
+// Volume commands through the plugin on a SAN of 100 volumes served by velm-simpm, each beside
+// its floor measured in the same run: getVolumeState withDetails for the last volume of the list
+// against one 1024-byte loopback echo times the wire requests the command makes (counted, not
+// assumed), and getVolumes against the bare parse of the 100 config files. Target: 1.5x.
+#include <arpa/inet.h>
+#include <benchmark/benchmark.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "adminlib/adminlib.h"
+#include "adminlib/fsmcomm.h"
+#include "adminlib/qmadminlib.h"
+#include "adminlib/sock46.h"
+#include "bench_support.h"
+#include "config/config_parser.h"
+#include "core/velm_plugin.h"
+#include "gateway/san_filesystem.h"
+#include "platform/clock.h"
+#include "platform/files.h"
+#include "platform/paths.h"
+#include "platform/socket_io.h"
+
+extern char** environ;
+
+namespace {
+std::atomic<long> gSends{0};
+std::atomic<long> gLookups{0};
+std::atomic<long long> gLookupNs{0};
+}  // namespace
+
+// Every request the admin library puts on the wire (discovery, port mapper and FSM alike) leaves
+// in one send() call, so counting the calls counts the requests. velm-simpm's log would not do:
+// it has no line for the FSM's statistics, stripe-group and client requests. The C library's own
+// sends (its resolver's) do not come through here.
+extern "C" ssize_t send(int fd, const void* buf, size_t len, int flags) {
+  gSends.fetch_add(1, std::memory_order_relaxed);
+  return ::sendto(fd, buf, len, flags, nullptr, 0);
+}
+
+// The controller's host name comes from a reverse look-up, which asks the resolver when the hosts
+// file does not know the address; counted and timed so the figures can say what it costs.
+extern "C" int getnameinfo(const struct sockaddr* sa, socklen_t salen, char* host,
+                           socklen_t hostlen, char* serv, socklen_t servlen, int flags) {
+  using Fn = int (*)(const struct sockaddr*, socklen_t, char*, socklen_t, char*, socklen_t, int);
+  static const Fn real = reinterpret_cast<Fn>(::dlsym(RTLD_NEXT, "getnameinfo"));
+  if (!real) return EAI_SYSTEM;
+  if (flags & NI_NUMERICHOST) return real(sa, salen, host, hostlen, serv, servlen, flags);
+  auto start = std::chrono::steady_clock::now();
+  int rc = real(sa, salen, host, hostlen, serv, servlen, flags);
+  gLookupNs.fetch_add(
+      std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - start)
+          .count(),
+      std::memory_order_relaxed);
+  gLookups.fetch_add(1, std::memory_order_relaxed);
+  return rc;
+}
+
+namespace {
+
+constexpr int kVolumes = 100;
+constexpr std::size_t kEchoLen = 1024;
+constexpr int kCountRuns = 10;
+constexpr const char* kController = "127.0.0.2";
+
+// A volume as a site keeps it; the same text for every volume.
+constexpr std::string_view kVolumeConfig = R"(# Volume configuration
+# Globals ----------------------------------------------------------
+DataMigration            No
+ABMFreeLimit             No
+DirWarp                  Yes
+ForcePerfectFit          No
+FileLocks                Yes
+GlobalSuperUser          Yes
+Quotas                   Yes     # quotas on
+Brls                     No
+WindowsSecurity          Yes
+EnforceACLs              Disabled
+EnableLumex              Enabled
+NamedStreams             Down
+ForceStripeAlignment     Up
+UnixIdFabricationOnWindows No
+
+AttrTokenSize            1
+InodeExpandMin           2
+InodeExpandInc           3
+InodeExpandMax           4
+InodeDeleteMax           5
+StaticInodes             6
+DataMigrationThreadPoolSize 7
+BufferCacheSize          32M
+BufferPoolSize           9
+DirCacheSize             10
+DirFDCacheSize           11
+StripeAlignSize          12
+JournalSize              16M
+FsBlockSize              4K
+InodeCacheSize           1G
+IoHangLimitSecs          180
+MaxConnections           138
+MaxLogSize               4M
+MaxLogs                  4
+OpHangLimitSecs          300
+PosixStyleLinkCount      21
+TrimOnClose              22
+BrlTime                  23
+ThreadPoolSize           256
+MaxMBPerClientReserve    25
+UnixNobodyUidOnWindows   -2
+UnixNobodyGidOnWindows   -2
+UnixFileCreationModeOnWindows 0644
+UnixDirectoryCreationModeOnWindows 0755
+Debug                    0x0
+AllocationStrategy       Round
+LumexSearchLevel         3
+
+# Disk types -------------------------------------------------------
+[DiskType "MetaType"]
+  Sectors 4194304
+  SectorSize 512
+[DiskType DataType]
+  sectors 2147483648
+  sectorsize 512
+
+# Disks ------------------------------------------------------------
+[Disk "Meta1"]
+  Status UP
+  Type "MetaType"
+[Disk Data1]
+  Status Up
+  Type DataType
+[Disk "Data2"]
+  Type "DataType"
+  Status Down
+[Disk "Data3"]
+  Status Up
+  Type "DataType"
+
+# Stripe groups ----------------------------------------------------
+[StripeGroup "MetadataAndJournal"]
+  Status Up
+  Exclusive Yes
+  Metadata Yes
+  Journal Yes
+  Read Enabled
+  Write Enabled
+  StripeBreadth 16
+  MultiPathMethod Rotate
+  Node "Meta1" 0
+
+[StripeGroup DataFiles]
+  Status Up
+  Exclusive No
+  Metadata No
+  Journal No
+  Affinity "Media"
+  Read Enabled
+  Write Enabled
+  StripeClusters 1
+  BWMFields 2
+  StripeBreadth 64
+  RtiosReserve 5
+  Rtios 100
+  Rtmb 6
+  RtmbReserve 7
+  RtTokenTimeout 8
+  MultiPathMethod Static
+  Node "Data1" 0
+  Node Data2 1
+
+[StripeGroup "Archive"]
+  Status Down
+  Exclusive Yes
+  Affinity Cold
+  Read Disabled
+  Write Disabled
+  MultiPathMethod Rotate
+  Node "Data3" 0
+)";
+
+std::string gRoot;
+std::string gLog;
+pid_t gSim = -1;
+int gEchoPort = 0;
+std::unique_ptr<velm::VelmPlugin> gPlugin;
+velm::PropertyList gContext = velm::PropertyList::dict();
+std::vector<std::string> gConfigFiles;  // "vol00.cfg" ...: what getVolumes reads
+
+std::string volumeName(int i) {
+  char name[16];
+  std::snprintf(name, sizeof name, "vol%02d", i);
+  return name;
+}
+
+std::string binDir() {
+  std::error_code ec;
+  auto exe = std::filesystem::read_symlink(velm::procfsPath("self/exe"), ec);
+  return ec ? std::string(".") : exe.parent_path().string();
+}
+
+int freePort() {
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in sin{};
+  sin.sin_family = AF_INET;
+  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof sin;
+  int port = 0;
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&sin), sizeof sin) == 0 &&
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&sin), &len) == 0)
+    port = ntohs(sin.sin_port);
+  ::close(fd);
+  return port;
+}
+
+bool writeFile(const std::string& path, const std::string& text) {
+  std::error_code ec;
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
+  return velm::writeFileAtomically(path, text, 0644) == 0;
+}
+
+unsigned short noRpcbind(const struct sockaddr_in*, unsigned long, unsigned long, unsigned int) {
+  return 0;
+}
+
+// Each volume an active FSM with two stripe groups and three mounted clients (in use, 0x1000).
+std::string fsmEntry(const std::string& name) {
+  std::string e = "<dict><key>name</key><string>" + name +
+                  "</string><key>priority</key><integer>1</integer>"
+                  "<key>active</key><true/><key>running</key><true/>"
+                  "<key>statistics</key><dict><key>blockSize</key><integer>4096</integer>"
+                  "<key>totalBlocks</key><integer>1000000</integer>"
+                  "<key>freeBlocks</key><integer>500000</integer></dict>"
+                  "<key>stripeGroups</key><array>";
+  for (const char* group : {"MetadataAndJournal", "DataFiles"})
+    e += std::string("<dict><key>name</key><string>") + group +
+         "</string><key>totalBlocks</key><integer>500000</integer>"
+         "<key>freeBlocks</key><integer>250000</integer></dict>";
+  e += "</array><key>clients</key><array>";
+  for (int c = 0; c < 3; ++c)
+    e += "<dict><key>type</key><integer>3</integer><key>flags</key><integer>" +
+         std::to_string(0x1000 | 3) + "</integer><key>address</key><string>127.0.0." +
+         std::to_string(10 + c) + "</string><key>uptime</key><integer>60</integer></dict>";
+  return e + "</array></dict>\n";
+}
+
+// One root for the plugin and the stand-in, as on a controller: the stand-in's config, the
+// fsports both read, and the 100 volume files.
+bool prepareRoot() {
+  char tmpl[] = "/tmp/velm-volumes-bench-XXXXXX";
+  if (!::mkdtemp(tmpl)) return false;
+  gRoot = tmpl;
+  gLog = gRoot + "/simpm.log";
+  int port = freePort();
+  ::setenv("VELM_ROOT", gRoot.c_str(), 1);
+  ::setenv("VELM_LOG", "/dev/null", 1);
+  ::setenv("VELM_HOST_ADDRESSES", kController, 1);
+  // The port mapper's own port: the controller counts as reachable.
+  ::setenv("VELM_PROBE_PORT", std::to_string(port).c_str(), 1);
+  // A process table of one fsmpm (the stand-in, named below), not this machine's.
+  ::setenv("VELM_PROCFS", (gRoot + "/proc").c_str(), 1);
+  ::unsetenv("DRFSROOT");
+  velm::resetPathsForTest();
+  std::string config =
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
+      "<key>fsms</key><array>\n";
+  for (int i = 0; i < kVolumes; ++i) config += fsmEntry(volumeName(i));
+  config += "</array>\n</dict>\n</plist>\n";
+  if (!writeFile(gRoot + "/Library/Filesystems/Velm/config/fsports",
+                 "altpmap " + std::to_string(port) + "\n") ||
+      !writeFile(gRoot + "/simpm.plist", config))
+    return false;
+  for (int i = 0; i < kVolumes; ++i) {
+    gConfigFiles.push_back(volumeName(i) + ".cfg");
+    if (!writeFile(velm::configPath(gConfigFiles.back()), std::string(kVolumeConfig))) return false;
+  }
+  return true;
+}
+
+bool startSim(const std::string& path) {
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  // Its per-request log goes to a file: nobody drains a pipe during the run.
+  posix_spawn_file_actions_addopen(&actions, 2, gLog.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  const char* argv[] = {path.c_str(), "--root", gRoot.c_str(), "--listen", kController, nullptr};
+  int rc = ::posix_spawn(&gSim, path.c_str(), &actions, nullptr, const_cast<char**>(argv), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (rc != 0) {
+    std::fprintf(stderr, "volumes_bench: cannot start %s: %s\n", path.c_str(), std::strerror(rc));
+    gSim = -1;
+    return false;
+  }
+  std::string pid = std::to_string(gSim);
+  writeFile(gRoot + "/proc/" + pid + "/cmdline", std::string("fsmpm\0", 6));
+  writeFile(gRoot + "/proc/" + pid + "/stat", pid + " (fsmpm) S 1 1 1");
+  char err[ADMIN_ERRBUF_LEN] = {};
+  for (int tries = 0; tries < 200; ++tries) {
+    int status = 0;
+    if (::waitpid(gSim, &status, WNOHANG) == gSim) {
+      std::fprintf(stderr, "volumes_bench: velm-simpm ended (see %s)\n", gLog.c_str());
+      gSim = -1;
+      return false;
+    }
+    if (int ns = QMAdmin_NSConnect("127.0.0.1", err); ns >= 0) {
+      QMAdmin_NSDisconnect(ns);
+      return true;
+    }
+    AltGetportResetForTest();
+    velm::clock().sleepMicros(50000);
+  }
+  std::fprintf(stderr, "volumes_bench: no port mapper: %s\n", err);
+  return false;
+}
+
+void stopSim() {
+  gPlugin.reset();
+  QMAdmin_Teardown();
+  if (gSim > 0) {
+    ::kill(gSim, SIGTERM);
+    ::waitpid(gSim, nullptr, 0);
+  }
+  std::error_code ec;
+  if (!gRoot.empty()) std::filesystem::remove_all(gRoot, ec);
+}
+
+long logLines() {
+  std::optional<std::string> text = velm::readFile(gLog);
+  return text ? static_cast<long>(std::count(text->begin(), text->end(), '\n')) : -1;
+}
+
+velm::PropertyList request(const char* command) {
+  velm::PropertyList r = velm::PropertyList::dict();
+  r.set("command", command);
+  return r;
+}
+
+velm::PropertyList volumeStateRequest() {
+  velm::PropertyList r = request("getVolumeState");
+  r.set("name", volumeName(kVolumes - 1));
+  r.set("variant", "withDetails");
+  return r;
+}
+
+std::optional<velm::PropertyList> run(const velm::PropertyList& r) {
+  std::int32_t lockFd = -1;
+  return gPlugin->doProcessInputWithRequest(r, &gContext, &lockFd);
+}
+
+// The last volume as the command must answer it: running here, with its groups and clients.
+bool detailsComplete(const std::optional<velm::PropertyList>& r) {
+  if (!r) return false;
+  const std::string* state = r->getString("state");
+  const std::string* host = r->getString("hostIPAddress");
+  const velm::PropertyList* info = r->get("volumeInfo");
+  const velm::PropertyList* groups = info ? info->get("StripeGroups") : nullptr;
+  const velm::PropertyList* clients = info ? info->get("Clients") : nullptr;
+  return state && *state == "RUNNING" && host && *host == kController && groups &&
+         groups->size() == 2 && clients && clients->size() == 3;
+}
+
+bool allVolumes(const std::optional<velm::PropertyList>& r) {
+  const velm::PropertyList* volumes = r ? r->get("volumes") : nullptr;
+  return volumes && volumes->size() == static_cast<std::size_t>(kVolumes);
+}
+
+// ---- The floor of getVolumeState: a 1024-byte echo over loopback TCP ----
+
+// One echo of a whole buffer: the client sends first, the server reads first.
+bool echoOnce(int fd, char* buf, std::size_t len, bool client) {
+  auto recvWhole = [&] { return velm::recvAll(fd, buf, len) == static_cast<ssize_t>(len); };
+  if (client) return velm::sendAll(fd, buf, len) && recvWhole();
+  return recvWhole() && velm::sendAll(fd, buf, len);
+}
+
+std::thread startEchoServer() {
+  int lfd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in sin{};
+  sin.sin_family = AF_INET;
+  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof sin;
+  ::bind(lfd, reinterpret_cast<sockaddr*>(&sin), sizeof sin);
+  ::listen(lfd, 1);
+  ::getsockname(lfd, reinterpret_cast<sockaddr*>(&sin), &len);
+  gEchoPort = ntohs(sin.sin_port);
+  return std::thread([lfd] {
+    int fd = ::accept4(lfd, nullptr, nullptr, SOCK_CLOEXEC);
+    ::close(lfd);
+    if (fd < 0) return;
+    char buf[kEchoLen];
+    while (echoOnce(fd, buf, sizeof buf, false)) {
+    }
+    ::close(fd);
+  });
+}
+
+void BM_LoopbackEcho1024(benchmark::State& state) {
+  std::thread server = startEchoServer();
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in sin{};
+  sin.sin_family = AF_INET;
+  sin.sin_port = htons(static_cast<std::uint16_t>(gEchoPort));
+  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&sin), sizeof sin) != 0) {
+    state.SkipWithError("cannot connect to the echo server");
+    ::close(fd);
+    server.join();
+    return;
+  }
+  char buf[kEchoLen] = {};
+  for (auto _ : state) {
+    if (!echoOnce(fd, buf, sizeof buf, true)) {
+      state.SkipWithError("echo failed");
+      break;
+    }
+    benchmark::DoNotOptimize(buf);
+  }
+  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * 2 * kEchoLen);
+  ::close(fd);
+  server.join();
+}
+
+// ---- The floor of getVolumes: the parse of every config file, names listed beforehand ----
+
+void BM_ParseConfigs100(benchmark::State& state) {
+  for (auto _ : state) {
+    for (const std::string& file : gConfigFiles) {
+      std::unique_ptr<velm::SANConfigParser> parser = velm::SANConfigParser::parserForFile(file);
+      if (!parser || !parser->parse()) {
+        state.SkipWithError("a volume file did not parse");
+        return;
+      }
+      benchmark::DoNotOptimize(parser->dictionary());
+    }
+  }
+}
+
+// ---- The commands ----
+
+// Reverse look-ups of the last timed run of getVolumeState: per command, and microseconds each.
+double gLookupsPerCommand = 0;
+double gLookupUs = 0;
+
+void BM_GetVolumeStateWithDetails(benchmark::State& state) {
+  const velm::PropertyList r = volumeStateRequest();
+  long lookups = gLookups.load();
+  long long lookupNs = gLookupNs.load();
+  for (auto _ : state) {
+    std::optional<velm::PropertyList> response = run(r);
+    if (!response) {
+      state.SkipWithError("no response");
+      return;
+    }
+    benchmark::DoNotOptimize(response);
+  }
+  lookups = gLookups.load() - lookups;
+  lookupNs = gLookupNs.load() - lookupNs;
+  gLookupsPerCommand = static_cast<double>(lookups) / static_cast<double>(state.iterations());
+  gLookupUs =
+      lookups > 0 ? static_cast<double>(lookupNs) / 1000.0 / static_cast<double>(lookups) : 0;
+}
+
+void BM_GetVolumes(benchmark::State& state) {
+  const velm::PropertyList r = request("getVolumes");
+  velm::SANFilesystem& fs = velm::SANFilesystem::localFilesystem();
+  for (auto _ : state) {
+    // The cache would answer every run after the first; dropping it is kept out of the figure.
+    state.PauseTiming();
+    fs.clearCache();
+    state.ResumeTiming();
+    std::optional<velm::PropertyList> response = run(r);
+    if (!response) {
+      state.SkipWithError("no response");
+      return;
+    }
+    benchmark::DoNotOptimize(response);
+  }
+}
+
+BENCHMARK(BM_LoopbackEcho1024)->MinTime(1.0);
+BENCHMARK(BM_GetVolumeStateWithDetails)->MinTime(1.0);
+BENCHMARK(BM_ParseConfigs100)->MinTime(1.0);
+BENCHMARK(BM_GetVolumes)->MinTime(1.0);
+
+// Wire requests per command over kCountRuns runs; -1 when a run has no response. *logged (when
+// asked) gets the lines velm-simpm logged per run.
+double countRequests(const velm::PropertyList& r, bool dropCache, double* logged) {
+  velm::SANFilesystem& fs = velm::SANFilesystem::localFilesystem();
+  long sends = gSends.load(), lines = logLines();
+  for (int i = 0; i < kCountRuns; ++i) {
+    if (dropCache) fs.clearCache();
+    if (!run(r)) return -1;
+  }
+  if (logged) *logged = static_cast<double>(logLines() - lines) / kCountRuns;
+  return static_cast<double>(gSends.load() - sends) / kCountRuns;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  std::signal(SIGPIPE, SIG_IGN);
+  // Before the sandbox's process table takes the place of the real one.
+  std::string simPath = binDir() + "/velm-simpm";
+  if (!prepareRoot()) {
+    std::fprintf(stderr, "volumes_bench: cannot prepare a sandbox root\n");
+    stopSim();
+    return 1;
+  }
+  PmapGetportHook = noRpcbind;
+  AltGetportResetForTest();
+  ResetAddrLists();
+  QMAdmin_SetPrivilegedForTest(1);
+  QMAdmin_Init();
+  if (!startSim(simPath)) {
+    stopSim();
+    return 1;
+  }
+  gPlugin = std::make_unique<velm::VelmPlugin>();
+
+  const velm::PropertyList stateRequest = volumeStateRequest();
+  const velm::PropertyList volumesRequest = request("getVolumes");
+  if (!detailsComplete(run(stateRequest)) || !allVolumes(run(volumesRequest))) {
+    std::fprintf(stderr, "volumes_bench: the commands do not answer as expected (see %s)\n",
+                 gLog.c_str());
+    stopSim();
+    return 1;
+  }
+  // The first runs above were the warm ones; the counts come from the runs after them.
+  double stateLogged = 0;
+  double stateRequests = countRequests(stateRequest, false, &stateLogged);
+  double volumesRequests = countRequests(volumesRequest, true, nullptr);
+  if (stateRequests <= 0 || volumesRequests < 0) {
+    std::fprintf(stderr, "volumes_bench: a counted run failed (see %s)\n", gLog.c_str());
+    stopSim();
+    return 1;
+  }
+
+  velm::bench::CapturingReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+
+  double echoUs = reporter.ns("BM_LoopbackEcho1024") / 1000.0;
+  double stateUs = reporter.ns("BM_GetVolumeStateWithDetails") / 1000.0;
+  double parseUs = reporter.ns("BM_ParseConfigs100") / 1000.0;
+  double volumesUs = reporter.ns("BM_GetVolumes") / 1000.0;
+  std::printf("\nper command (microseconds)        ours     floor   ratio  (target <= 1.50)\n");
+  if (echoUs > 0 && stateUs > 0) {
+    double floorUs = echoUs * stateRequests;
+    std::printf("%-30s%8.2f  %8.2f  %6.2f  (%g requests)\n", "getVolumeState withDetails", stateUs,
+                floorUs, stateUs / floorUs, stateRequests);
+  }
+  if (parseUs > 0 && volumesUs > 0)
+    std::printf("%-30s%8.2f  %8.2f  %6.2f\n", "getVolumes", volumesUs, parseUs,
+                volumesUs / parseUs);
+  if (echoUs > 0 && stateUs > 0) {
+    double lookupsUs = gLookupsPerCommand * gLookupUs;
+    std::printf("  one 1024-byte loopback echo: %.2f us; velm-simpm logs %g of the %g requests\n",
+                echoUs, stateLogged, stateRequests);
+    std::printf(
+        "  getVolumeState: %g reverse look-ups of %s, %.2f us each; without them %.2f us, "
+        "ratio %.2f\n",
+        gLookupsPerCommand, kController, gLookupUs, stateUs - lookupsUs,
+        (stateUs - lookupsUs) / (echoUs * stateRequests));
+  }
+  std::printf("  getVolumes: %g wire requests\n", volumesRequests);
+  stopSim();
+  benchmark::Shutdown();
+  return 0;
+}
