@@ -2,11 +2,19 @@
 // benchmark's mean real time per iteration, so main() can print figures beside their anchors.
 #pragma once
 
+#include <arpa/inet.h>
 #include <benchmark/benchmark.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <cstdint>
 #include <map>
 #include <string>
+#include <thread>
 #include <vector>
+
+#include "platform/socket_io.h"
 
 namespace velm::bench {
 
@@ -31,5 +39,54 @@ class CapturingReporter : public benchmark::ConsoleReporter {
  private:
   std::map<std::string, double> nsPerIteration_;
 };
+
+// The floor of a request over loopback TCP: a client sends len bytes and reads len bytes back
+// from an echo server thread, one round trip per iteration.
+inline void runLoopbackEcho(benchmark::State& state, std::size_t len) {
+  auto echoOnce = [len](int fd, std::vector<char>& buf, bool client) {
+    auto recvWhole = [&] {
+      return velm::recvAll(fd, buf.data(), len) == static_cast<ssize_t>(len);
+    };
+    if (client) return velm::sendAll(fd, buf.data(), len) && recvWhole();
+    return recvWhole() && velm::sendAll(fd, buf.data(), len);
+  };
+  int lfd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in sin{};
+  sin.sin_family = AF_INET;
+  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t slen = sizeof sin;
+  if (::bind(lfd, reinterpret_cast<sockaddr*>(&sin), sizeof sin) != 0 || ::listen(lfd, 1) != 0 ||
+      ::getsockname(lfd, reinterpret_cast<sockaddr*>(&sin), &slen) != 0) {
+    ::close(lfd);
+    state.SkipWithError("cannot start the echo server");
+    return;
+  }
+  std::thread server([lfd, &echoOnce, len] {
+    int fd = ::accept4(lfd, nullptr, nullptr, SOCK_CLOEXEC);
+    ::close(lfd);
+    if (fd < 0) return;
+    std::vector<char> buf(len);
+    while (echoOnce(fd, buf, false)) {
+    }
+    ::close(fd);
+  });
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&sin), sizeof sin) != 0) {
+    state.SkipWithError("cannot connect to the echo server");
+  } else {
+    std::vector<char> buf(len);
+    for (auto _ : state) {
+      if (!echoOnce(fd, buf, true)) {
+        state.SkipWithError("echo failed");
+        break;
+      }
+      benchmark::DoNotOptimize(buf);
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * 2 *
+                            static_cast<int64_t>(len));
+  }
+  ::close(fd);
+  server.join();
+}
 
 }  // namespace velm::bench

@@ -34,6 +34,7 @@
 #include "adminlib/sock46.h"
 #include "bench_support.h"
 #include "config/config_parser.h"
+#include "config/config_test_util.h"
 #include "core/velm_plugin.h"
 #include "gateway/san_filesystem.h"
 #include "platform/clock.h"
@@ -84,124 +85,11 @@ constexpr int kCountRuns = 10;
 constexpr const char* kController = "127.0.0.2";
 
 // A volume as a site keeps it; the same text for every volume.
-constexpr std::string_view kVolumeConfig = R"(# Volume configuration
-# Globals ----------------------------------------------------------
-DataMigration            No
-ABMFreeLimit             No
-DirWarp                  Yes
-ForcePerfectFit          No
-FileLocks                Yes
-GlobalSuperUser          Yes
-Quotas                   Yes     # quotas on
-Brls                     No
-WindowsSecurity          Yes
-EnforceACLs              Disabled
-EnableLumex              Enabled
-NamedStreams             Down
-ForceStripeAlignment     Up
-UnixIdFabricationOnWindows No
-
-AttrTokenSize            1
-InodeExpandMin           2
-InodeExpandInc           3
-InodeExpandMax           4
-InodeDeleteMax           5
-StaticInodes             6
-DataMigrationThreadPoolSize 7
-BufferCacheSize          32M
-BufferPoolSize           9
-DirCacheSize             10
-DirFDCacheSize           11
-StripeAlignSize          12
-JournalSize              16M
-FsBlockSize              4K
-InodeCacheSize           1G
-IoHangLimitSecs          180
-MaxConnections           138
-MaxLogSize               4M
-MaxLogs                  4
-OpHangLimitSecs          300
-PosixStyleLinkCount      21
-TrimOnClose              22
-BrlTime                  23
-ThreadPoolSize           256
-MaxMBPerClientReserve    25
-UnixNobodyUidOnWindows   -2
-UnixNobodyGidOnWindows   -2
-UnixFileCreationModeOnWindows 0644
-UnixDirectoryCreationModeOnWindows 0755
-Debug                    0x0
-AllocationStrategy       Round
-LumexSearchLevel         3
-
-# Disk types -------------------------------------------------------
-[DiskType "MetaType"]
-  Sectors 4194304
-  SectorSize 512
-[DiskType DataType]
-  sectors 2147483648
-  sectorsize 512
-
-# Disks ------------------------------------------------------------
-[Disk "Meta1"]
-  Status UP
-  Type "MetaType"
-[Disk Data1]
-  Status Up
-  Type DataType
-[Disk "Data2"]
-  Type "DataType"
-  Status Down
-[Disk "Data3"]
-  Status Up
-  Type "DataType"
-
-# Stripe groups ----------------------------------------------------
-[StripeGroup "MetadataAndJournal"]
-  Status Up
-  Exclusive Yes
-  Metadata Yes
-  Journal Yes
-  Read Enabled
-  Write Enabled
-  StripeBreadth 16
-  MultiPathMethod Rotate
-  Node "Meta1" 0
-
-[StripeGroup DataFiles]
-  Status Up
-  Exclusive No
-  Metadata No
-  Journal No
-  Affinity "Media"
-  Read Enabled
-  Write Enabled
-  StripeClusters 1
-  BWMFields 2
-  StripeBreadth 64
-  RtiosReserve 5
-  Rtios 100
-  Rtmb 6
-  RtmbReserve 7
-  RtTokenTimeout 8
-  MultiPathMethod Static
-  Node "Data1" 0
-  Node Data2 1
-
-[StripeGroup "Archive"]
-  Status Down
-  Exclusive Yes
-  Affinity Cold
-  Read Disabled
-  Write Disabled
-  MultiPathMethod Rotate
-  Node "Data3" 0
-)";
+constexpr std::string_view kVolumeConfig = velm::test::kRealisticConfig;
 
 std::string gRoot;
 std::string gLog;
 pid_t gSim = -1;
-int gEchoPort = 0;
 std::unique_ptr<velm::VelmPlugin> gPlugin;
 velm::PropertyList gContext = velm::PropertyList::dict();
 std::vector<std::string> gConfigFiles;  // "vol00.cfg" ...: what getVolumes reads
@@ -384,59 +272,7 @@ bool allVolumes(const std::optional<velm::PropertyList>& r) {
 
 // ---- The floor of getVolumeState: a 1024-byte echo over loopback TCP ----
 
-// One echo of a whole buffer: the client sends first, the server reads first.
-bool echoOnce(int fd, char* buf, std::size_t len, bool client) {
-  auto recvWhole = [&] { return velm::recvAll(fd, buf, len) == static_cast<ssize_t>(len); };
-  if (client) return velm::sendAll(fd, buf, len) && recvWhole();
-  return recvWhole() && velm::sendAll(fd, buf, len);
-}
-
-std::thread startEchoServer() {
-  int lfd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in sin{};
-  sin.sin_family = AF_INET;
-  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof sin;
-  ::bind(lfd, reinterpret_cast<sockaddr*>(&sin), sizeof sin);
-  ::listen(lfd, 1);
-  ::getsockname(lfd, reinterpret_cast<sockaddr*>(&sin), &len);
-  gEchoPort = ntohs(sin.sin_port);
-  return std::thread([lfd] {
-    int fd = ::accept4(lfd, nullptr, nullptr, SOCK_CLOEXEC);
-    ::close(lfd);
-    if (fd < 0) return;
-    char buf[kEchoLen];
-    while (echoOnce(fd, buf, sizeof buf, false)) {
-    }
-    ::close(fd);
-  });
-}
-
-void BM_LoopbackEcho1024(benchmark::State& state) {
-  std::thread server = startEchoServer();
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in sin{};
-  sin.sin_family = AF_INET;
-  sin.sin_port = htons(static_cast<std::uint16_t>(gEchoPort));
-  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&sin), sizeof sin) != 0) {
-    state.SkipWithError("cannot connect to the echo server");
-    ::close(fd);
-    server.join();
-    return;
-  }
-  char buf[kEchoLen] = {};
-  for (auto _ : state) {
-    if (!echoOnce(fd, buf, sizeof buf, true)) {
-      state.SkipWithError("echo failed");
-      break;
-    }
-    benchmark::DoNotOptimize(buf);
-  }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * 2 * kEchoLen);
-  ::close(fd);
-  server.join();
-}
+void BM_LoopbackEcho1024(benchmark::State& state) { velm::bench::runLoopbackEcho(state, kEchoLen); }
 
 // ---- The floor of getVolumes: the parse of every config file, names listed beforehand ----
 

@@ -39,7 +39,6 @@ std::string gRoot;
 pid_t gSim = -1;
 int gNs = -1;   // name-service handle
 int gFsm = -1;  // FSM handle
-int gEchoPort = 0;
 
 std::string binDir() {
   std::error_code ec;
@@ -135,59 +134,7 @@ void stopSim() {
 
 // ---- The floor: a 1024-byte echo over loopback TCP ----
 
-// One echo of a whole buffer: the client sends first, the server reads first.
-bool echoOnce(int fd, char* buf, std::size_t len, bool client) {
-  auto recvWhole = [&] { return velm::recvAll(fd, buf, len) == static_cast<ssize_t>(len); };
-  if (client) return velm::sendAll(fd, buf, len) && recvWhole();
-  return recvWhole() && velm::sendAll(fd, buf, len);
-}
-
-std::thread startEchoServer() {
-  int lfd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in sin{};
-  sin.sin_family = AF_INET;
-  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof sin;
-  ::bind(lfd, reinterpret_cast<sockaddr*>(&sin), sizeof sin);
-  ::listen(lfd, 1);
-  ::getsockname(lfd, reinterpret_cast<sockaddr*>(&sin), &len);
-  gEchoPort = ntohs(sin.sin_port);
-  return std::thread([lfd] {
-    int fd = ::accept4(lfd, nullptr, nullptr, SOCK_CLOEXEC);
-    ::close(lfd);
-    if (fd < 0) return;
-    char buf[kEchoLen];
-    while (echoOnce(fd, buf, sizeof buf, false)) {
-    }
-    ::close(fd);
-  });
-}
-
-void BM_LoopbackEcho1024(benchmark::State& state) {
-  std::thread server = startEchoServer();
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in sin{};
-  sin.sin_family = AF_INET;
-  sin.sin_port = htons(static_cast<std::uint16_t>(gEchoPort));
-  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&sin), sizeof sin) != 0) {
-    state.SkipWithError("cannot connect to the echo server");
-    ::close(fd);
-    server.join();
-    return;
-  }
-  char buf[kEchoLen] = {};
-  for (auto _ : state) {
-    if (!echoOnce(fd, buf, sizeof buf, true)) {
-      state.SkipWithError("echo failed");
-      break;
-    }
-    benchmark::DoNotOptimize(buf);
-  }
-  state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * 2 * kEchoLen);
-  ::close(fd);
-  server.join();
-}
+void BM_LoopbackEcho1024(benchmark::State& state) { velm::bench::runLoopbackEcho(state, kEchoLen); }
 
 // ---- The facade ----
 

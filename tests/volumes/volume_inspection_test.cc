@@ -13,15 +13,6 @@ using test::fsmEntry;
 
 class VolumeCommandsTest : public test::ControllerTest {
  protected:
-  PropertyList run(std::string_view command,
-                   std::vector<std::pair<std::string, PropertyList>> keys = {}) {
-    PropertyList r = PropertyList::dict();
-    r.set("command", command);
-    for (auto& [k, v] : keys) r.set(k, v);
-    std::int32_t fd = -1;
-    std::optional<PropertyList> out = plugin_.doProcessInputWithRequest(r, &context_, &fd);
-    return out ? *out : PropertyList();
-  }
   PropertyList mount(long long show, bool forget = false) {
     return run("mountVolume", {{"name", PropertyList("Projects")},
                                {"showVolume", PropertyList(show)},

@@ -16,15 +16,6 @@ using test::kControllerB;
 
 class VolumeStateTest : public test::ControllerTest {
  protected:
-  PropertyList run(std::string_view command,
-                   std::vector<std::pair<std::string, PropertyList>> keys = {}) {
-    PropertyList r = PropertyList::dict();
-    r.set("command", command);
-    for (auto& [k, v] : keys) r.set(k, v);
-    std::int32_t fd = -1;
-    std::optional<PropertyList> out = plugin_.doProcessInputWithRequest(r, &context_, &fd);
-    return out ? *out : PropertyList();
-  }
   PropertyList setState(const std::string& name, const char* state) {
     return run("setVolumeState", {{"name", PropertyList(name)}, {"state", PropertyList(state)}});
   }
