@@ -50,6 +50,10 @@ class VelmPlugin : public PluginRequestHandler {
   std::optional<PropertyList> mountVolumeWithRequest(const PropertyList& request);
   std::optional<PropertyList> getLogPathsWithRequest(const PropertyList& request);
   std::optional<PropertyList> getMountOptionsWithRequest(const PropertyList& request);
+  // Volume creation and deletion.
+  std::optional<PropertyList> addVolumesWithRequest(const PropertyList& request);
+  std::optional<PropertyList> deleteVolumesWithRequest(const PropertyList& request);
+  std::optional<PropertyList> reinitializeVolumesWithRequest(const PropertyList& request);
   // Long tasks.
   std::optional<PropertyList> readProgressWithRequest(const PropertyList& request);
   std::optional<PropertyList> runDotCleanWithRequest(const PropertyList& request);

@@ -54,6 +54,10 @@ int standby_volume_by_host(const std::string* name, const PropertyList& localAdd
 int stop_volume_on_specific_ip(const std::string* name, const std::string& address);
 int activate_volume_by_host(const std::string* name, const std::string* address);
 
+// The format and check tools: 0, or kStatusInitializeFailed / kStatusCheckFailed.
+int initialize_volume_named(const std::string* volume, const std::string* affinity);
+int fsck_volume_named(const std::string* volume);
+
 // This machine's addresses (get_host_ips) with "127.0.0.1" added.
 PropertyList localAddressList();
 // Forgets that the admin library was readied for the plugin.
