@@ -108,6 +108,7 @@ int fsck_volume_named(const std::string* volume) {
   LaunchResult r = launch_task(hostPath(kCheckTool), {"-w", *volume});
   std::string log = hostPath(format("/var/run/velm_drfsck_%@.log", *volume));
   std::string error = hostPath(format("/var/run/velm_drfsck_%@.error", *volume));
+  makeDirectories(hostPath("/var/run"));
   writeFileAtomically(log, r.output);
   writeFileAtomically(error, r.error);
   if (r.status == 0) {

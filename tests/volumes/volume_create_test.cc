@@ -180,6 +180,24 @@ TEST_F(VolumeCreateTest, ReinitializeKeepsTheUnknownVolumesCode) {
   EXPECT_EQ(reverse.get("status")->int64Value(), 100010);
 }
 
+TEST_F(VolumeCreateTest, CheckToolStatusesAndItsRecords) {
+  std::string tool = "/Library/Filesystems/Velm/bin/drfsck";
+  std::string alpha = "Alpha";
+  for (auto [code, want] : {std::pair{0, 0}, {1, 0}, {4, 100057}}) {
+    sandbox_.write(
+        tool, "#!/bin/sh\necho \"checked $*\"\necho warn >&2\nexit " + std::to_string(code) + "\n",
+        0755);
+    EXPECT_EQ(fsck_volume_named(&alpha), want) << code;
+  }
+  EXPECT_EQ(sandbox_.read("/var/run/velm_drfsck_Alpha.log"), "checked -w Alpha\n");
+  EXPECT_EQ(sandbox_.read("/var/run/velm_drfsck_Alpha.error"), "warn\n");
+  EXPECT_TRUE(log_.contains(
+      "fsck_volume_named: drfsck for volume 'Alpha' succeeded; file system modified"));
+  EXPECT_TRUE(log_.contains(
+      "ERROR: fsck_volume_named: drfsck for volume 'Alpha' failed with exit status 4"));
+  EXPECT_EQ(fsck_volume_named(nullptr), 100057);
+}
+
 // A process killed at any point between its writes leaves every file old or new, and whole.
 TEST_F(VolumeCreateTest, AKilledCommandNeverLeavesATornFile) {
   std::string request = sandbox_.path("/add.plist");
