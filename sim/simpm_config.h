@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <set>
 #include <string>
@@ -28,8 +29,12 @@ struct SimFsm {
   std::uint32_t capabilities = 1;
   // Its admin side (simpm_fsm_*.cc); copies of this entry share it.
   std::shared_ptr<SimFsmState> fsmState = std::make_shared<SimFsmState>();
-  int serviceType = 1;  // service list type; 1 is an FSM
-  bool running = true;  // false: stopped, not listed
+  int serviceType = 1;       // service list type; 1 is an FSM
+  bool running = true;       // false: stopped, not listed
+  bool fromFsmList = false;  // added by a start of a name listed in config/fsmlist
+  // Gone from the table. The slot stays, never running, so listener indexes and the references
+  // requests hold stay valid; a start of the same name takes it back.
+  bool dropped = false;
 };
 
 // A disk the port mapper sees.
@@ -60,7 +65,8 @@ struct SimCctl {
 };
 
 struct SimPmConfig {
-  std::vector<SimFsm> fsms;
+  // A deque: entries added while serving leave references to the others valid.
+  std::deque<SimFsm> fsms;
   std::set<int> unknownTypes;  // request types answered as an older peer (255, error 1)
   int pmPort = 0;              // port-mapper service port; 0: any free port
   // Port-mapper side (name service, disks, clients, peers).

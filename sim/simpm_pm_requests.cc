@@ -217,6 +217,7 @@ struct PmSide {
 
   std::size_t list(std::uint8_t* msg, std::uint16_t type, bool localOnly) {
     int index = get_be16(msg + kPmIndex);
+    p.syncFsmList({});
     std::vector<Listed> all = table(localOnly);
     std::memset(msg + kPmType, 0, kPmMsgLen - kPmType);
     if (index < static_cast<int>(all.size())) {
@@ -282,7 +283,7 @@ struct PmSide {
     {
       std::scoped_lock lock(p.pmMutex_);
       for (SimFsm& f : p.config_.fsms) {
-        if (f.name != name) continue;
+        if (f.dropped || f.name != name) continue;
         known = true;
         if (!isLocal(f)) continue;
         // A fail-over or stop goes to the active one of this name, else a running one.
@@ -351,6 +352,7 @@ struct PmSide {
     }
     char name[kPmNameLen];
     PmGetName(msg, name, sizeof name);
+    p.syncFsmList(op == kPmOpStart ? name : "");
     std::uint16_t status = startStop(op, name);
     simLog("start/stop 0x%04x op %d '%s' -> status %u", type, op, name, status);
     put_be16(msg + kPmStatus, status);

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 
@@ -56,6 +57,17 @@ class SimPmProtocol {
   // The address an FSM is reached at.
   struct in6_addr fsmAddress(const SimFsm& fsm) const;
 
+  // Binds an admin listener for FSM slot i at addr; its port, 0 when none could be had.
+  using FsmListenerFactory = std::function<int(std::size_t i, const struct in6_addr& addr)>;
+  // Follow the machine's fsmlist (path) from now on; listen makes the new FSMs' listeners.
+  void followFsmList(std::string path, FsmListenerFactory listen) {
+    fsmListPath_ = std::move(path);
+    listenFsm_ = std::move(listen);
+  }
+  // Drops stopped FSMs that came from fsmlist and are no longer listed there; then, when
+  // startName is listed but not in the table, adds it, stopped, for the start to run.
+  void syncFsmList(const std::string& startName);
+
  private:
   friend struct PmSide;
   // Port-mapper requests besides the FSM socket (simpm_pm_*.cc): name service, start and stop,
@@ -74,6 +86,10 @@ class SimPmProtocol {
   // never held while talking to a peer.
   std::mutex pmMutex_;
   bool proxyChangeTold_ = false;
+  std::string fsmListPath_;
+  FsmListenerFactory listenFsm_;
+  // Serializes syncFsmList (taken before pmMutex_), so one name is added once.
+  std::mutex fsmListMutex_;
 };
 
 }  // namespace velm::sim

@@ -38,8 +38,8 @@ SimPortMapper::~SimPortMapper() {
   connections_.reap(true);
 }
 
-bool SimPortMapper::listenOn(const struct in6_addr& addr, int port, Listener::Kind kind,
-                             std::size_t fsmIndex, int* boundPort, std::string* error) {
+UniqueFd SimPortMapper::bindListener(const struct in6_addr& addr, int port, int* boundPort,
+                                     std::string* error) {
   struct sockaddr_storage ss;
   socklen_t len = AddrToSockaddr(&addr, port, &ss);
   UniqueFd fd(::socket(ss.ss_family, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -48,11 +48,35 @@ bool SimPortMapper::listenOn(const struct in6_addr& addr, int port, Listener::Ki
       ::bind(fd.get(), reinterpret_cast<struct sockaddr*>(&ss), len) != 0 ||
       ::listen(fd.get(), 64) != 0) {
     *error = "cannot listen on " + peerText(addr, port) + ": " + std::strerror(errno);
-    return false;
+    return UniqueFd();
   }
   GetSockName(fd.get(), nullptr, boundPort);
+  return fd;
+}
+
+bool SimPortMapper::listenOn(const struct in6_addr& addr, int port, Listener::Kind kind,
+                             std::size_t fsmIndex, int* boundPort, std::string* error) {
+  UniqueFd fd = bindListener(addr, port, boundPort, error);
+  if (!fd) return false;
   listeners_.push_back(Listener{std::move(fd), kind, fsmIndex});
   return true;
+}
+
+int SimPortMapper::addFsmListener(std::size_t fsmIndex, const struct in6_addr& addr) {
+  int port = 0;
+  std::string error;
+  UniqueFd fd = bindListener(addr, 0, &port, &error);
+  if (!fd) {
+    simLog("%s", error.c_str());
+    return 0;
+  }
+  {
+    std::scoped_lock lock(addedMutex_);
+    added_.push_back(Listener{std::move(fd), Listener::Fsm, fsmIndex});
+  }
+  // Until run() polls it, connections wait in the backlog.
+  wake();
+  return port;
 }
 
 bool SimPortMapper::start(const SimPmOptions& options, std::string* error) {
@@ -83,6 +107,9 @@ bool SimPortMapper::start(const SimPmOptions& options, std::string* error) {
       !listenOn(listenAddr, config.pmPort, Listener::Service, 0, &servicePort_, error))
     return false;
   protocol_ = std::make_unique<SimPmProtocol>(std::move(config), listenAddr, servicePort_);
+  protocol_->followFsmList(drfs + "/config/fsmlist", [this](std::size_t i, const in6_addr& a) {
+    return addFsmListener(i, a);
+  });
 
   // Every FSM of this machine answers on its own port, standby and stopped ones too: a fail-over
   // or a start may make any of them active later.
@@ -109,6 +136,10 @@ bool SimPortMapper::start(const SimPmOptions& options, std::string* error) {
 
 void SimPortMapper::stop() {
   stopping_ = true;
+  wake();
+}
+
+void SimPortMapper::wake() {
   if (wakeWrite_) {
     char b = 1;
     ssize_t r = ::write(wakeWrite_.get(), &b, 1);
@@ -118,13 +149,25 @@ void SimPortMapper::stop() {
 
 void SimPortMapper::run() {
   while (!stopping_) {
+    {
+      std::scoped_lock lock(addedMutex_);
+      for (Listener& l : added_) listeners_.push_back(std::move(l));
+      added_.clear();
+    }
     std::vector<struct pollfd> fds;
     fds.push_back({wakeRead_.get(), POLLIN, 0});
     for (const Listener& l : listeners_) fds.push_back({l.fd.get(), POLLIN, 0});
     int r = ::poll(fds.data(), fds.size(), 1000);
     connections_.reap(false);
     if (r < 0 && errno != EINTR) break;
-    if (r <= 0 || (fds[0].revents & POLLIN)) continue;
+    if (r <= 0) continue;
+    if (fds[0].revents & POLLIN) {
+      // Emptied, or a wake for an added listener would keep poll from ever waiting.
+      char drain[64];
+      while (::read(wakeRead_.get(), drain, sizeof drain) > 0) {
+      }
+      continue;
+    }
     for (std::size_t i = 0; i < listeners_.size(); ++i) {
       if (!(fds[i + 1].revents & POLLIN)) continue;
       struct in6_addr peer;

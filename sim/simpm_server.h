@@ -49,15 +49,22 @@ class SimPortMapper {
     enum Kind { Discovery, Service, Fsm } kind;
     std::size_t fsmIndex = 0;
   };
+  UniqueFd bindListener(const struct in6_addr& addr, int port, int* boundPort, std::string* error);
   bool listenOn(const struct in6_addr& addr, int port, Listener::Kind kind, std::size_t fsmIndex,
                 int* boundPort, std::string* error);
+  // For an FSM added while serving (any thread): binds, hands the socket to run() and wakes it.
+  // The port, 0 on failure.
+  int addFsmListener(std::size_t fsmIndex, const struct in6_addr& addr);
   void serve(Listener::Kind kind, std::size_t fsmIndex, int fd, std::string peer);
+  void wake();  // async-signal-safe
   void serveDiscovery(int fd);
   void servePortMapper(int fd, const std::string& peer);
   void serveFsm(std::size_t fsmIndex, int fd);
 
   std::unique_ptr<SimPmProtocol> protocol_;
-  std::vector<Listener> listeners_;
+  std::vector<Listener> listeners_;  // run()'s own once it runs
+  std::mutex addedMutex_;            // guards added_
+  std::vector<Listener> added_;      // bound by addFsmListener, for run() to take
   UniqueFd wakeRead_, wakeWrite_;
   std::atomic<bool> stopping_{false};
   int discoveryPort_ = 0;

@@ -98,6 +98,11 @@ std::optional<int> SimTool::begin() {
   return static_cast<int>(code & 0xff);
 }
 
+bool volumeNameUsable(std::string_view volume) {
+  return !volume.empty() && volume != "." && volume != ".." &&
+         volume.find('/') == std::string_view::npos;
+}
+
 std::optional<PropertyList> readToolDictionary(const SimTool& tool, const std::string& path) {
   std::optional<std::string> text = readFile(path);
   if (!text) {

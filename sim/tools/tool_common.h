@@ -56,6 +56,12 @@ class SimTool {
   std::vector<std::string> args_;
 };
 
+// What the volume tools share: where a volume's files are, and which names they take.
+inline constexpr std::string_view kVolumeConfigDir = "/Library/Filesystems/Velm/config/";
+inline constexpr std::string_view kVolumeDataDir = "/Library/Filesystems/Velm/data/";
+// Not empty, no "/", not "." or "..": the name becomes a path component.
+bool volumeNameUsable(std::string_view volume);
+
 // The dictionary in an XML plist file; nothing and a complaint when it is unreadable or not a
 // dictionary, an empty dictionary when the file is missing.
 std::optional<PropertyList> readToolDictionary(const SimTool& tool, const std::string& path);

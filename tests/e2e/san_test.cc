@@ -111,9 +111,9 @@ class TwoControllersTest : public ::testing::Test {
     return command(c, "setVolumeState",
                    {{"name", PropertyList("Projects")}, {"state", PropertyList(state)}});
   }
-  PropertyList details(Controller& c) {
+  PropertyList details(Controller& c, const char* volume = "Projects") {
     return command(c, "getVolumeState",
-                   {{"name", PropertyList("Projects")}, {"variant", PropertyList("withDetails")}});
+                   {{"name", PropertyList(volume)}, {"variant", PropertyList("withDetails")}});
   }
   static long long status(const PropertyList& r) {
     const PropertyList* s = r.get("status");
@@ -164,6 +164,46 @@ TEST_F(TwoControllersTest, StartFailOverStopAndRestartSeenFromBothSides) {
       a_, "mountVolume", {{"name", PropertyList("Projects")}, {"showVolume", PropertyList(2)}});
   EXPECT_EQ(mounted.get("access")->int64Value(), 2) << describe(mounted);
   EXPECT_NE(a_.root.read("/proc/self/mountinfo").find(" - qufs Projects rw"), std::string::npos);
+}
+
+TEST_F(TwoControllersTest, CreateOnBothStartAndDeleteLocallyThenEverywhere) {
+  // One command on each controller: each writes its own files and its own fsmlist line.
+  PropertyList media = command(a_, "getVolumes").get("volumes")->asArray()->front();
+  media.set("Name", "Media");
+  media.set("FailoverPriority", PlistArray{PropertyList(kB), PropertyList(kA)});
+  for (Controller* c : {&a_, &b_}) {
+    test::installSimTools(c->root);
+    PropertyList r = command(*c, "addVolumes",
+                             {{"volumes", PlistArray{media}}, {"initialize", PropertyList(true)}});
+    ASSERT_TRUE(r.get("status")) << describe(r);
+    EXPECT_EQ(r.get("status")->get("Media")->int64Value(), 0) << describe(r);
+    EXPECT_TRUE(c->root.exists("/Library/Filesystems/Velm/data/Media"));
+  }
+  EXPECT_NE(a_.root.read("/Library/Filesystems/Velm/config/fsmlist").find("Media . 1"),
+            std::string::npos);
+  EXPECT_NE(b_.root.read("/Library/Filesystems/Velm/config/fsmlist").find("Media . 0"),
+            std::string::npos);
+
+  PropertyList started = command(
+      a_, "setVolumeState", {{"name", PropertyList("Media")}, {"state", PropertyList("START")}});
+  EXPECT_EQ(status(started), 0) << describe(started);
+  EXPECT_EQ(text(details(b_, "Media"), "state"), "RUNNING");
+
+  // B leaves the volume: only its own FSM stops, and its files go.
+  PropertyList local = command(b_, "deleteVolumes",
+                               {{"volumeNames", PlistArray{PropertyList("Media")}},
+                                {"stopLocallyOnly", PropertyList(true)}});
+  EXPECT_EQ(status(local), 0) << describe(local);
+  EXPECT_FALSE(b_.root.exists("/Library/Filesystems/Velm/config/Media.cfg"));
+  EXPECT_TRUE(a_.root.exists("/Library/Filesystems/Velm/config/Media.cfg"));
+
+  // A deletes it everywhere.
+  PropertyList all =
+      command(a_, "deleteVolumes", {{"volumeNames", PlistArray{PropertyList("Media")}}});
+  EXPECT_EQ(status(all), 0) << describe(all);
+  EXPECT_EQ(text(details(b_, "Media"), "state"), "STOPPED");
+  EXPECT_FALSE(a_.root.exists("/Library/Filesystems/Velm/data/Media"));
+  for (Controller* c : {&a_, &b_}) EXPECT_EQ(command(*c, "getVolumes").get("volumes")->size(), 1u);
 }
 
 }  // namespace

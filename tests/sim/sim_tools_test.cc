@@ -107,5 +107,58 @@ TEST_F(SimToolsTest, DrversionsPrintsTheInstalledVersion) {
   EXPECT_EQ(run("drversions", {"-v"}).status, 2);
 }
 
+TEST_F(SimToolsTest, DrmkfsMakesTheDataDirectory) {
+  const std::string data = "/Library/Filesystems/Velm/data/vol1";
+  LaunchResult r = run("drmkfs", {"-F", "vol1"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_NE(r.output.find("error"), std::string::npos) << r.output;
+  EXPECT_FALSE(sandbox_.exists(data));
+
+  sandbox_.write("/Library/Filesystems/Velm/config/vol1.cfg", "[Global]\n");
+  r = run("drmkfs", {"-a", "fast", "-F", "vol1"});
+  EXPECT_EQ(r.status, 0) << r.output << r.error;
+  EXPECT_EQ(r.output, "Created file system vol1.\n");
+  EXPECT_TRUE(sandbox_.exists(data + "/log"));
+  PlistReadResult record = readXmlPlist(sandbox_.read(data + "/format.plist"));
+  ASSERT_TRUE(record) << record.error;
+  EXPECT_EQ(*record.value->getString("volume"), "vol1");
+  EXPECT_EQ(*record.value->getString("affinity"), "fast");
+  EXPECT_TRUE(record.value->get("time") && record.value->get("time")->asDate());
+
+  for (const char* bad : {"", ".", "..", "a/b"}) {
+    r = run("drmkfs", {"-F", bad});
+    EXPECT_EQ(r.status, 1) << bad;
+    EXPECT_NE(r.output.find("error"), std::string::npos) << r.output;
+  }
+  EXPECT_EQ(run("drmkfs", {"vol1"}).status, 2);
+  EXPECT_EQ(run("drmkfs", {"-F", "vol1", "-x"}).status, 2);
+
+  PropertyList behaviour = PropertyList::dict();
+  behaviour.set("output", "Fatal: no errors found\n");
+  behaviour.set("exitStatus", 1);
+  writePlist("/sim/tools/drmkfs.plist", behaviour);
+  r = run("drmkfs", {"-F", "vol2"});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_EQ(r.output, "Fatal: no errors found\n");
+  EXPECT_FALSE(sandbox_.exists("/Library/Filesystems/Velm/data/vol2"));
+}
+
+TEST_F(SimToolsTest, DrfsckReportsAndRepairs) {
+  LaunchResult r = run("drfsck", {"-w", "vol1"});
+  EXPECT_EQ(r.status, 8);
+  EXPECT_NE(r.output.find("error"), std::string::npos) << r.output;
+
+  sandbox_.write("/Library/Filesystems/Velm/config/vol1.cfg", "[Global]\n");
+  r = run("drfsck", {"-w", "vol1"});
+  EXPECT_EQ(r.status, 1) << r.output;
+  EXPECT_NE(r.output.find("modified"), std::string::npos) << r.output;
+  EXPECT_TRUE(sandbox_.exists("/Library/Filesystems/Velm/data/vol1"));
+  r = run("drfsck", {"-w", "vol1"});
+  EXPECT_EQ(r.status, 0) << r.output;
+  EXPECT_NE(r.output.find("clean"), std::string::npos) << r.output;
+  EXPECT_EQ(run("drfsck", {"vol1"}).status, 2);
+  EXPECT_EQ(sandbox_.read("/sim/tools/drfsck.calls"), "-w vol1\n-w vol1\n-w vol1\nvol1\n");
+}
+
 }  // namespace
 }  // namespace velm::test
