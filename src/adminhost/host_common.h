@@ -3,6 +3,7 @@
 #pragma once
 
 #include <map>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -43,6 +44,8 @@ bool is_host_reachable(const std::string& address, int port, int timeoutMs);
 PropertyList get_interfaces_info();
 // This machine's IPv4 addresses as strings (VELM_HOST_ADDRESSES when set).
 PropertyList get_host_ips();
+// The address texts a host name (or address text) resolves to; empty when it resolves to none.
+std::set<std::string> addresses_of_host(const std::string& host);
 // Every address this machine answers to, as the platform lists its own host: the stand-ins when
 // VELM_HOST_ADDRESSES is set, else every interface address and the loopback ones.
 PropertyList current_host_addresses();

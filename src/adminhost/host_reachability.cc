@@ -1,4 +1,5 @@
 // is_host_reachable: a TCP connect that is given up after a time-out.
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <netdb.h>
 #include <poll.h>
@@ -45,6 +46,24 @@ bool is_host_reachable(const std::string& address, int port, int timeoutMs) {
   }
   ::freeaddrinfo(list);
   return reached;
+}
+
+std::set<std::string> addresses_of_host(const std::string& host) {
+  std::set<std::string> out;
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* list = nullptr;
+  if (host.empty() || ::getaddrinfo(host.c_str(), nullptr, &hints, &list) != 0) return out;
+  for (addrinfo* a = list; a; a = a->ai_next) {
+    char text[INET6_ADDRSTRLEN] = {};
+    const void* src =
+        a->ai_family == AF_INET
+            ? static_cast<const void*>(&reinterpret_cast<sockaddr_in*>(a->ai_addr)->sin_addr)
+            : static_cast<const void*>(&reinterpret_cast<sockaddr_in6*>(a->ai_addr)->sin6_addr);
+    if (::inet_ntop(a->ai_family, src, text, sizeof text)) out.insert(text);
+  }
+  ::freeaddrinfo(list);
+  return out;
 }
 
 }  // namespace velm

@@ -91,25 +91,6 @@ ThisHost thisHost() {
   return me;
 }
 
-// The addresses a host text resolves to; nothing when it resolves to none.
-std::optional<std::set<std::string>> resolveHost(const std::string& host) {
-  addrinfo hints{};
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* list = nullptr;
-  if (::getaddrinfo(host.c_str(), nullptr, &hints, &list) != 0 || !list) return std::nullopt;
-  std::set<std::string> out;
-  for (addrinfo* a = list; a; a = a->ai_next) {
-    char text[INET6_ADDRSTRLEN] = {};
-    const void* src =
-        a->ai_family == AF_INET
-            ? static_cast<const void*>(&reinterpret_cast<sockaddr_in*>(a->ai_addr)->sin_addr)
-            : static_cast<const void*>(&reinterpret_cast<sockaddr_in6*>(a->ai_addr)->sin6_addr);
-    if (::inet_ntop(a->ai_family, src, text, sizeof text)) out.insert(text);
-  }
-  ::freeaddrinfo(list);
-  return out;
-}
-
 }  // namespace
 
 SANFilesystem::SANFilesystem() {
@@ -216,14 +197,15 @@ bool SANFilesystem::areWePrimaryControllerWithDict(const PropertyList& volumeRec
   const PropertyList* stats = volumeRecord.get("VolumeStats");
   const std::string* host = stats ? stats->getString("Host") : nullptr;
   if (!host || host->empty()) return false;
-  std::optional<std::set<std::string>> addresses = resolveHost(*host);
-  if (!addresses) return false;
+  std::set<std::string> addresses = addresses_of_host(*host);
+  // An unknown host is not this machine.
+  if (addresses.empty()) return false;
   ThisHost me = thisHost();
   std::string lower = *host;
   std::transform(lower.begin(), lower.end(), lower.begin(),
                  [](unsigned char c) { return std::tolower(c); });
   if (me.names.count(lower)) return true;
-  for (const std::string& a : *addresses) {
+  for (const std::string& a : addresses) {
     if (me.addresses.count(a)) return true;
   }
   return false;

@@ -49,24 +49,6 @@ std::vector<std::string> stringsOf(const PropertyList* list) {
   return out;
 }
 
-std::set<std::string> addressesOfHost(const std::string& host) {
-  std::set<std::string> out;
-  addrinfo hints{};
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* list = nullptr;
-  if (::getaddrinfo(host.c_str(), nullptr, &hints, &list) != 0) return out;
-  for (addrinfo* a = list; a; a = a->ai_next) {
-    char buf[INET6_ADDRSTRLEN] = {};
-    const void* src =
-        a->ai_family == AF_INET
-            ? static_cast<const void*>(&reinterpret_cast<sockaddr_in*>(a->ai_addr)->sin_addr)
-            : static_cast<const void*>(&reinterpret_cast<sockaddr_in6*>(a->ai_addr)->sin6_addr);
-    if (::inet_ntop(a->ai_family, src, buf, sizeof buf)) out.insert(buf);
-  }
-  ::freeaddrinfo(list);
-  return out;
-}
-
 PropertyList responseWithVolumes(PropertyList status) {
   PropertyList response = PropertyList::dict();
   response.set("status", std::move(status));
@@ -250,7 +232,7 @@ std::optional<PropertyList> VelmPlugin::deleteVolumesWithRequest(const PropertyL
     NLog("%s(%@): %@ is our primary target to eventually stop", fn, name,
          primary ? primary->c_str() : nullptr);
     std::set<std::string> primaryAddresses =
-        primary ? addressesOfHost(*primary) : std::set<std::string>{};
+        primary ? addresses_of_host(*primary) : std::set<std::string>{};
     for (const std::string& server : servers) {
       if (server.empty()) continue;
       if (primaryAddresses.count(server)) {

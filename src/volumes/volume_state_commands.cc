@@ -32,25 +32,6 @@ std::vector<std::string> texts(const PropertyList& list) {
   return out;
 }
 
-// The addresses a host name stands for; empty when it doesn't resolve.
-std::set<std::string> addressesOfHost(const std::string& host) {
-  std::set<std::string> out;
-  addrinfo hints{};
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* list = nullptr;
-  if (::getaddrinfo(host.c_str(), nullptr, &hints, &list) != 0) return out;
-  for (addrinfo* a = list; a; a = a->ai_next) {
-    char buf[INET6_ADDRSTRLEN] = {};
-    const void* src =
-        a->ai_family == AF_INET
-            ? static_cast<const void*>(&reinterpret_cast<sockaddr_in*>(a->ai_addr)->sin_addr)
-            : static_cast<const void*>(&reinterpret_cast<sockaddr_in6*>(a->ai_addr)->sin6_addr);
-    if (::inet_ntop(a->ai_family, src, buf, sizeof buf)) out.insert(buf);
-  }
-  ::freeaddrinfo(list);
-  return out;
-}
-
 const PropertyList* volumeStatsOf(const std::optional<PropertyList>& volume) {
   return volume ? volume->get("VolumeStats") : nullptr;
 }
@@ -68,7 +49,7 @@ int stopPart(int handle, const std::string& name) {
   if (const std::string* host = stats ? stats->getString("Host") : nullptr) {
     primary = *host;
     NLog("%s(%@): %@ is our primary target to eventually stop", fn, name, *host);
-    primaryAddresses = addressesOfHost(*host);
+    primaryAddresses = addresses_of_host(*host);
   }
   for (const std::string& address : addresses) {
     if (address.empty()) continue;
