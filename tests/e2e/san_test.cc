@@ -27,7 +27,7 @@ struct Controller {
   const char* uuid;
   const char* peer;
   test::SandboxRoot root;
-  test::SimProcess portMapper;
+  std::unique_ptr<test::SimProcess> portMapper;
   std::unique_ptr<test::Daemon> daemon;
   std::unique_ptr<test::Client> client;
 };
@@ -38,7 +38,23 @@ class TwoControllersTest : public ::testing::Test {
     pmPort_ = test::freeLoopbackPort();
     // As root, the daemons listen where a real SAN has them, and the default probe finds them.
     probePort_ = ::geteuid() == 0 ? 311 : test::freeLoopbackPort();
-    for (Controller* c : {&a_, &b_}) prepare(*c);
+    // The port was free on 127.0.0.1 when chosen; a test running beside this one may have taken
+    // it on the controllers' addresses since. Then another port will do.
+    bool running = false;
+    for (int attempt = 0; attempt < 5 && !running; ++attempt) {
+      if (attempt > 0) pmPort_ = test::freeLoopbackPort();
+      running = true;
+      for (Controller* c : {&a_, &b_}) {
+        prepare(*c);
+        c->portMapper = std::make_unique<test::SimProcess>();
+        running =
+            running &&
+            c->portMapper->start(
+                "velm-simpm", {"--root", c->root.root(), "--listen", c->address}, "listening on",
+                {{"VELM_HOST_ADDRESSES", c->address}, {"VELM_PROCFS", c->root.path("/proc")}});
+      }
+    }
+    ASSERT_TRUE(running) << a_.portMapper->stderrText() << b_.portMapper->stderrText();
     for (Controller* c : {&a_, &b_}) {
       // What each controller's programs take from the environment when they start.
       ::setenv("VELM_HOST_ADDRESSES", c->address, 1);
@@ -48,9 +64,6 @@ class TwoControllersTest : public ::testing::Test {
         ::setenv("VELM_PROBE_PORT", std::to_string(probePort_).c_str(), 1);
       }
       ::setenv("VELM_PROCFS", c->root.path("/proc").c_str(), 1);
-      ASSERT_TRUE(c->portMapper.start(
-          "velm-simpm", {"--root", c->root.root(), "--listen", c->address}, "listening on"))
-          << c->portMapper.stderrText();
       if (c == &a_) {
         ASSERT_TRUE(velmd_.start("velm-simd", {"--root", c->root.root()}, "listening on"))
             << velmd_.stderrText();
@@ -125,8 +138,8 @@ class TwoControllersTest : public ::testing::Test {
   }
 
   int pmPort_ = 0, probePort_ = 0;
-  Controller a_{kA, kUuidA, kB, {}, {}, {}, {}};
-  Controller b_{kB, kUuidB, kA, {}, {}, {}, {}};
+  Controller a_{kA, kUuidA, kB, {}, nullptr, nullptr, nullptr};
+  Controller b_{kB, kUuidB, kA, {}, nullptr, nullptr, nullptr};
   test::SimProcess velmd_;
 };
 

@@ -35,9 +35,7 @@ std::string fsmEntry(const std::string& name, bool active, bool running, const s
 }
 
 void ControllerTest::SetUp() {
-  port_ = freeLoopbackPort();
   ::setenv("VELM_HOST_ADDRESSES", kControllerA, 1);
-  ::setenv("VELM_PROBE_PORT", std::to_string(port_).c_str(), 1);
   ::setenv("VELM_PROCFS", sandbox_.path("/proc").c_str(), 1);
   resetPathsForTest();
   gSavedPmap = PmapGetportHook;
@@ -48,9 +46,7 @@ void ControllerTest::SetUp() {
   resetVolumeStateForTest();
   SANFilesystem::resetForTest();
   SANComputer::resetForTest();
-  std::string fsports = "altpmap " + std::to_string(port_) + "\n";
-  sandbox_.write("/Library/Filesystems/Velm/config/fsports", fsports);
-  sandbox_.write("/b/Library/Filesystems/Velm/config/fsports", fsports);
+  usePort(freeLoopbackPort());
 }
 
 void ControllerTest::TearDown() {
@@ -83,21 +79,39 @@ PropertyList ControllerTest::run(std::string_view command,
   return out ? *out : PropertyList();
 }
 
+void ControllerTest::usePort(int port) {
+  port_ = port;
+  ::setenv("VELM_PROBE_PORT", std::to_string(port_).c_str(), 1);
+  std::string fsports = "altpmap " + std::to_string(port_) + "\n";
+  sandbox_.write("/Library/Filesystems/Velm/config/fsports", fsports);
+  sandbox_.write("/b/Library/Filesystems/Velm/config/fsports", fsports);
+  AltGetportResetForTest();
+}
+
 bool ControllerTest::startSan(const std::string& fsmsOfA, const std::string& fsmsOfB) {
-  std::string peerOfA = std::string(kControllerB) + ":" + std::to_string(port_);
-  std::string peerOfB = std::string(kControllerA) + ":" + std::to_string(port_);
-  auto config = [](const std::string& fsms, const std::string& peer) {
+  auto config = [this](const std::string& fsms, const char* peer) {
     return "<plist version=\"1.0\"><dict><key>fsms</key><array>" + fsms +
-           "</array><key>peers</key><array><string>" + peer + "</string></array></dict></plist>\n";
+           "</array><key>peers</key><array><string>" + peer + ":" + std::to_string(port_) +
+           "</string></array></dict></plist>\n";
   };
-  sandbox_.write("/simpm.plist", config(fsmsOfA, peerOfA));
-  sandbox_.write("/b/simpm.plist", config(fsmsOfB, peerOfB));
-  pmA_ = std::make_unique<SimProcess>();
-  pmB_ = std::make_unique<SimProcess>();
-  bool a = pmA_->start("velm-simpm", {"--root", sandbox_.root(), "--listen", kControllerA},
-                       "listening on");
-  bool b = pmB_->start("velm-simpm", {"--root", sandbox_.path("/b"), "--listen", kControllerB},
-                       "listening on");
+  bool a = false, b = false;
+  // The port was free on 127.0.0.1 when chosen; a test running beside this one may have taken it
+  // on the controllers' addresses since. Then another port will do.
+  for (int attempt = 0; attempt < 5 && !(a && b); ++attempt) {
+    if (attempt > 0) {
+      pmA_.reset();
+      pmB_.reset();
+      usePort(freeLoopbackPort());
+    }
+    sandbox_.write("/simpm.plist", config(fsmsOfA, kControllerB));
+    sandbox_.write("/b/simpm.plist", config(fsmsOfB, kControllerA));
+    pmA_ = std::make_unique<SimProcess>();
+    pmB_ = std::make_unique<SimProcess>();
+    a = pmA_->start("velm-simpm", {"--root", sandbox_.root(), "--listen", kControllerA},
+                    "listening on");
+    b = pmB_->start("velm-simpm", {"--root", sandbox_.path("/b"), "--listen", kControllerB},
+                    "listening on");
+  }
   EXPECT_TRUE(a) << pmA_->stderrText();
   EXPECT_TRUE(b) << pmB_->stderrText();
   QMAdmin_Init();

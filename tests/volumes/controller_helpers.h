@@ -29,6 +29,8 @@ class ControllerTest : public SandboxTest {
   // Starts the port mappers with the given <key>fsms</key>... entries of each (plist XML text
   // inside <array>...</array>); false when either did not come up.
   bool startSan(const std::string& fsmsOfA, const std::string& fsmsOfB);
+  // The port mappers' port, which is also the probe port.
+  void usePort(int port);
   // config.plist, uuid and <volume>-auxdata.plist: the volume's controllers in failover order.
   void writeVolumeConfig(const std::string& volume, const std::vector<std::string>& controllers);
   // Runs a command through the plugin; null when it gave no response at all.
