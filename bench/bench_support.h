@@ -9,11 +9,14 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <filesystem>
 #include <map>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "platform/files.h"
+#include "platform/paths.h"
 #include "platform/socket_io.h"
 
 namespace velm::bench {
@@ -39,6 +42,36 @@ class CapturingReporter : public benchmark::ConsoleReporter {
  private:
   std::map<std::string, double> nsPerIteration_;
 };
+
+// The directory of this program, where the stand-ins it starts are built.
+inline std::string binDir() {
+  std::error_code ec;
+  auto exe = std::filesystem::read_symlink(velm::procfsPath("self/exe"), ec);
+  return ec ? std::string(".") : exe.parent_path().string();
+}
+
+// A TCP port that was free on 127.0.0.1 a moment ago (0 when none could be had).
+inline int freePort() {
+  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd < 0) return 0;
+  sockaddr_in sin{};
+  sin.sin_family = AF_INET;
+  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof sin;
+  int port = 0;
+  if (::bind(fd, reinterpret_cast<sockaddr*>(&sin), sizeof sin) == 0 &&
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&sin), &len) == 0)
+    port = ntohs(sin.sin_port);
+  ::close(fd);
+  return port;
+}
+
+// Writes a file whole, making its directory first.
+inline bool writeFile(const std::string& path, const std::string& text) {
+  std::error_code ec;
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
+  return velm::writeFileAtomically(path, text, 0644) == 0;
+}
 
 // The floor of a request over loopback TCP: a client sends len bytes and reads len bytes back
 // from an echo server thread, one round trip per iteration.

@@ -30,6 +30,8 @@ extern char** environ;
 
 namespace {
 
+using velm::bench::binDir;
+
 std::string gRoot;
 pid_t gSim = -1;
 std::string gRequest;  // the bytes the plugin sends
@@ -42,12 +44,6 @@ velm::PropertyList command() {
   velm::PropertyList c = velm::PropertyList::dict();
   c.set("command", "sanConfigChanged");
   return c;
-}
-
-std::string binDir() {
-  std::error_code ec;
-  auto exe = std::filesystem::read_symlink(velm::procfsPath("self/exe"), ec);
-  return ec ? std::string(".") : exe.parent_path().string();
 }
 
 int connectTo(const std::string& path) {

@@ -45,6 +45,10 @@
 extern char** environ;
 
 namespace {
+
+using velm::bench::binDir;
+using velm::bench::freePort;
+using velm::bench::writeFile;
 std::atomic<long> gSends{0};
 std::atomic<long> gLookups{0};
 std::atomic<long long> gLookupNs{0};
@@ -98,32 +102,6 @@ std::string volumeName(int i) {
   char name[16];
   std::snprintf(name, sizeof name, "vol%02d", i);
   return name;
-}
-
-std::string binDir() {
-  std::error_code ec;
-  auto exe = std::filesystem::read_symlink(velm::procfsPath("self/exe"), ec);
-  return ec ? std::string(".") : exe.parent_path().string();
-}
-
-int freePort() {
-  int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in sin{};
-  sin.sin_family = AF_INET;
-  sin.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof sin;
-  int port = 0;
-  if (::bind(fd, reinterpret_cast<sockaddr*>(&sin), sizeof sin) == 0 &&
-      ::getsockname(fd, reinterpret_cast<sockaddr*>(&sin), &len) == 0)
-    port = ntohs(sin.sin_port);
-  ::close(fd);
-  return port;
-}
-
-bool writeFile(const std::string& path, const std::string& text) {
-  std::error_code ec;
-  std::filesystem::create_directories(std::filesystem::path(path).parent_path(), ec);
-  return velm::writeFileAtomically(path, text, 0644) == 0;
 }
 
 unsigned short noRpcbind(const struct sockaddr_in*, unsigned long, unsigned long, unsigned int) {
