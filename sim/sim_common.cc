@@ -17,11 +17,21 @@ namespace {
 void (*gStop)(void*) = nullptr;
 void* gStopContext = nullptr;
 
+std::mutex gLogMutex;  // one line at a time on stderr; leaf
+
 void onSignal(int) {
   if (gStop) gStop(gStopContext);
 }
 
 }  // namespace
+
+void simLogLine(const char* program, const char* fmt, va_list args) {
+  char line[2048];
+  std::vsnprintf(line, sizeof line, fmt, args);
+  std::scoped_lock lock(gLogMutex);
+  std::fprintf(stderr, "%s: %s\n", program, line);
+  std::fflush(stderr);
+}
 
 int parseSimFlags(const char* program, const char* usage, int argc, char** argv,
                   std::initializer_list<SimFlag> flags) {

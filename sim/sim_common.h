@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdarg>
 #include <functional>
 #include <initializer_list>
 #include <list>
@@ -28,6 +29,10 @@ int parseSimFlags(const char* program, const char* usage, int argc, char** argv,
 
 // SIGTERM and SIGINT call stop(context) (which must be async-signal-safe); SIGPIPE is ignored.
 void installSimStopHandler(void (*stop)(void*), void* context);
+
+// Writes "<program>: <formatted text>" as one whole line on stderr, even from many threads.
+void simLogLine(const char* program, const char* fmt, va_list args)
+    __attribute__((format(printf, 2, 0)));
 
 // The process table the plugin reads in a sandbox: VELM_PROCFS when it is set and not the real
 // /proc (which is never written), else <root>/proc.

@@ -1,23 +1,16 @@
 #include "sim/simd_log.h"
 
 #include <cstdarg>
-#include <cstdio>
-#include <mutex>
+
+#include "sim/sim_common.h"
 
 namespace velm::sim {
-namespace {
-std::mutex gLogMutex;  // guards stderr; leaf
-}  // namespace
 
 void simdLog(const char* fmt, ...) {
-  char line[2048];
   va_list ap;
   va_start(ap, fmt);
-  std::vsnprintf(line, sizeof line, fmt, ap);
+  simLogLine("velm-simd", fmt, ap);
   va_end(ap);
-  std::scoped_lock lock(gLogMutex);
-  std::fprintf(stderr, "velm-simd: %s\n", line);
-  std::fflush(stderr);
 }
 
 }  // namespace velm::sim

@@ -12,11 +12,10 @@
 #include "adminlib/sock46.h"
 #include "adminlib/wire.h"
 #include "platform/socket_io.h"
+#include "sim/sim_common.h"
 
 namespace velm::sim {
 namespace {
-
-std::mutex gLogMutex;  // one line at a time on stderr; leaf
 
 void frameReply(std::uint8_t* msg, std::size_t len, std::uint8_t status, std::uint16_t error) {
   std::memcpy(msg, kFrameMagic, sizeof kFrameMagic);
@@ -28,14 +27,10 @@ void frameReply(std::uint8_t* msg, std::size_t len, std::uint8_t status, std::ui
 }  // namespace
 
 void simLog(const char* fmt, ...) {
-  char line[1024];
   va_list ap;
   va_start(ap, fmt);
-  std::vsnprintf(line, sizeof line, fmt, ap);
+  simLogLine("velm-simpm", fmt, ap);
   va_end(ap);
-  std::scoped_lock lock(gLogMutex);
-  std::fprintf(stderr, "velm-simpm: %s\n", line);
-  std::fflush(stderr);
 }
 
 void SimPmProtocol::discoveryHello(std::uint8_t out[32]) const {

@@ -63,13 +63,6 @@ int listenLoopback(int port, int* bound) {
 
 }  // namespace
 
-int freeLoopbackPort() {
-  int port = 0;
-  int fd = listenLoopback(0, &port);
-  if (fd >= 0) ::close(fd);
-  return port;
-}
-
 Bytes readBytes(int fd, std::size_t n) {
   Bytes out(n);
   std::size_t got = 0;

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/ports.h"
 #include "support/run_program.h"
 #include "support/sandbox.h"
 #include "support/sim_process.h"
@@ -31,8 +32,6 @@ class ScopedEnv {
   bool had_ = false;
 };
 
-// A port on 127.0.0.1 that was free a moment ago.
-int freeLoopbackPort();
 // Reads exactly n bytes (fewer if the peer closes).
 Bytes readBytes(int fd, std::size_t n);
 bool writeBytes(int fd, const Bytes& bytes);
