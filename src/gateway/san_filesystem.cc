@@ -80,13 +80,9 @@ ThisHost thisHost() {
     me.names.insert(n);
     me.names.insert(n.substr(0, n.find('.')));
   }
-  PropertyList ips = get_host_ips();
-  for (const PropertyList& ip : *ips.asArray()) {
-    if (const std::string* s = ip.asString()) me.addresses.insert(*s);
-  }
-  PropertyList interfaces = get_interfaces_info();
-  for (const PropertyList& e : *interfaces.asArray()) {
-    if (const std::string* s = e.getString("ipAddress")) me.addresses.insert(*s);
+  PropertyList addresses = current_host_addresses();
+  for (const PropertyList& a : *addresses.asArray()) {
+    if (const std::string* s = a.asString()) me.addresses.insert(*s);
   }
   return me;
 }

@@ -39,16 +39,6 @@ bool requestFlag(const PropertyList& request, std::string_view key) {
 // The part of an fsmlist line up to its first blank: the volume's name.
 std::string_view firstWord(std::string_view line) { return line.substr(0, line.find(' ')); }
 
-std::vector<std::string> stringsOf(const PropertyList* list) {
-  std::vector<std::string> out;
-  if (const PlistArray* a = list ? list->asArray() : nullptr) {
-    for (const PropertyList& e : *a) {
-      if (const std::string* s = e.asString()) out.push_back(*s);
-    }
-  }
-  return out;
-}
-
 PropertyList responseWithVolumes(PropertyList status) {
   PropertyList response = PropertyList::dict();
   response.set("status", std::move(status));
@@ -156,7 +146,7 @@ std::optional<PropertyList> VelmPlugin::addVolumesWithRequest(const PropertyList
       }
       added = true;
       statuses.set(*name, 0);
-      std::vector<std::string> priority = stringsOf(volume.get("FailoverPriority"));
+      std::vector<std::string> priority = arrayStrings(volume.get("FailoverPriority"));
       for (size_t index = 0; index < priority.size(); ++index) {
         if (!mine.count(priority[index])) continue;
         fsmlist += format("%@ . %d\n", *name, static_cast<int>(index));
@@ -197,7 +187,7 @@ std::optional<PropertyList> VelmPlugin::deleteVolumesWithRequest(const PropertyL
   }
   std::vector<std::string> names;
   int status = 0;
-  for (const std::string& name : stringsOf(namesValue)) {
+  for (const std::string& name : arrayStrings(namesValue)) {
     // A name that would reach outside the config directory is refused, and nothing of it is
     // touched.
     if (checkEntryName(fn, "the volume name", name)) {
@@ -304,7 +294,7 @@ std::optional<PropertyList> VelmPlugin::deleteVolumesWithRequest(const PropertyL
 std::optional<PropertyList> VelmPlugin::reinitializeVolumesWithRequest(
     const PropertyList& request) {
   const char* fn = "reinitializeVolumes";
-  std::vector<std::string> names = stringsOf(request.get("volumes"));
+  std::vector<std::string> names = arrayStrings(request.get("volumes"));
   for (const std::string& name : names) {
     if (checkForLongTask(name)) {
       NError("%s: long-running operation already in progress for volume '%@'", fn, name);

@@ -54,10 +54,8 @@ std::vector<std::string> textsOf(const PropertyList& host) {
   std::vector<std::string> out;
   if (const std::string* s = host.asString()) {
     out.push_back(*s);
-  } else if (const PlistArray* a = host.asArray()) {
-    for (const PropertyList& e : *a) {
-      if (const std::string* s = e.asString()) out.push_back(*s);
-    }
+  } else {
+    out = arrayStrings(&host);
   }
   return out;
 }
@@ -80,6 +78,16 @@ int probePort() {
     if (ec == std::errc() && p == v.data() + v.size() && port > 0 && port <= 65535) return port;
   }
   return 311;
+}
+
+std::vector<std::string> arrayStrings(const PropertyList* list) {
+  std::vector<std::string> out;
+  if (const PlistArray* a = list ? list->asArray() : nullptr) {
+    for (const PropertyList& e : *a) {
+      if (const std::string* s = e.asString()) out.push_back(*s);
+    }
+  }
+  return out;
 }
 
 PropertyList localAddressList() {

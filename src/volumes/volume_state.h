@@ -58,6 +58,9 @@ int activate_volume_by_host(const std::string* name, const std::string* address)
 int initialize_volume_named(const std::string* volume, const std::string* affinity);
 int fsck_volume_named(const std::string* volume);
 
+// The strings of an array (other elements and other types give nothing).
+std::vector<std::string> arrayStrings(const PropertyList* list);
+
 // This machine's addresses (get_host_ips) with "127.0.0.1" added.
 PropertyList localAddressList();
 // Forgets that the admin library was readied for the plugin.

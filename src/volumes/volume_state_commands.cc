@@ -22,16 +22,6 @@ void keepFirst(int& status, int code) {
   if (status == 0) status = code;
 }
 
-std::vector<std::string> texts(const PropertyList& list) {
-  std::vector<std::string> out;
-  if (const PlistArray* a = list.asArray()) {
-    for (const PropertyList& e : *a) {
-      if (const std::string* s = e.asString()) out.push_back(*s);
-    }
-  }
-  return out;
-}
-
 const PropertyList* volumeStatsOf(const std::optional<PropertyList>& volume) {
   return volume ? volume->get("VolumeStats") : nullptr;
 }
@@ -77,7 +67,7 @@ int startPart(const std::string& name) {
   std::vector<std::string> controllers =
       SANConfigParser::sanIPsForVolume(name).value_or(std::vector<std::string>{});
   PropertyList mine = get_host_ips();
-  std::vector<std::string> mineTexts = texts(mine);
+  std::vector<std::string> mineTexts = arrayStrings(&mine);
   std::optional<std::string> primary;
   for (const std::string& address : controllers) {
     for (const std::string& own : mineTexts) {
