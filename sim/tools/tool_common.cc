@@ -22,16 +22,6 @@ constexpr std::string_view kInstalledDir = "/Library/Filesystems/Velm/bin/";
 // A day: longer is a mistake in a test's file, and keeps the conversion to time_t exact.
 constexpr double kMaxSleepSeconds = 86400;
 
-void sleepSeconds(double seconds) {
-  if (!std::isfinite(seconds) || seconds <= 0) return;
-  seconds = std::min(seconds, kMaxSleepSeconds);
-  struct timespec left;
-  left.tv_sec = static_cast<time_t>(seconds);
-  left.tv_nsec = static_cast<long>((seconds - static_cast<double>(left.tv_sec)) * 1e9);
-  while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
-  }
-}
-
 void writeText(int fd, const std::string& text) {
   std::string_view rest = text;
   while (!rest.empty()) {
@@ -43,6 +33,16 @@ void writeText(int fd, const std::string& text) {
 }
 
 }  // namespace
+
+void pauseSeconds(double seconds) {
+  if (!std::isfinite(seconds) || seconds <= 0) return;
+  seconds = std::min(seconds, kMaxSleepSeconds);
+  struct timespec left;
+  left.tv_sec = static_cast<time_t>(seconds);
+  left.tv_nsec = static_cast<long>((seconds - static_cast<double>(left.tv_sec)) * 1e9);
+  while (::nanosleep(&left, &left) != 0 && errno == EINTR) {
+  }
+}
 
 std::string simToolRoot(std::string_view name, const char* argv0) {
   if (const char* env = std::getenv("VELM_ROOT"); env && *env) return env;
@@ -84,8 +84,9 @@ std::optional<int> SimTool::begin() {
   std::optional<PropertyList> behaviour = readToolDictionary(*this, behaviourPath);
   logCall();
   if (!behaviour) return std::nullopt;
+  behaviour_ = *behaviour;
   if (const PropertyList* s = behaviour->get(kToolSleepSeconds))
-    sleepSeconds(s->doubleValue().value_or(0));
+    pauseSeconds(s->doubleValue().value_or(0));
 
   const std::string* output = behaviour->getString(kToolOutput);
   const std::string* error = behaviour->getString(kToolError);

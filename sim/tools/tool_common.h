@@ -26,6 +26,9 @@ inline constexpr std::string_view kToolOutput = "output";
 inline constexpr std::string_view kToolError = "error";
 inline constexpr std::string_view kToolExitStatus = "exitStatus";
 
+// Sleeps that long (up to a day); nothing for a value that is not a positive number.
+void pauseSeconds(double seconds);
+
 // VELM_ROOT when set and not empty; else the prefix of an argv0 ending in
 // "/Library/Filesystems/Velm/bin/<name>"; else "" (the real root).
 std::string simToolRoot(std::string_view name, const char* argv0);
@@ -41,6 +44,8 @@ class SimTool {
   const std::string& name() const { return name_; }
   const std::string& root() const { return root_; }
   const std::vector<std::string>& args() const { return args_; }
+  // The behaviour file as begin() read it: an empty dictionary when there is none.
+  const PropertyList& behaviour() const { return behaviour_; }
   // root + absolutePath
   std::string path(std::string_view absolutePath) const {
     return root_ + std::string(absolutePath);
@@ -54,6 +59,7 @@ class SimTool {
   std::string name_;
   std::string root_;
   std::vector<std::string> args_;
+  PropertyList behaviour_ = PropertyList::dict();
 };
 
 // What the volume tools share: where a volume's files are, and which names they take.

@@ -54,6 +54,11 @@ class VelmPlugin : public PluginRequestHandler {
   std::optional<PropertyList> addVolumesWithRequest(const PropertyList& request);
   std::optional<PropertyList> deleteVolumesWithRequest(const PropertyList& request);
   std::optional<PropertyList> reinitializeVolumesWithRequest(const PropertyList& request);
+  // Volume reconfiguration and rename.
+  std::optional<PropertyList> expandVolumeWithRequest(const PropertyList& request);
+  std::optional<PropertyList> changeVolumeSettingsWithRequest(const PropertyList& request);
+  std::optional<PropertyList> changeStripeGroupSettingsWithRequest(const PropertyList& request);
+  std::optional<PropertyList> renameVolumeWithRequest(const PropertyList& request);
   // Long tasks.
   std::optional<PropertyList> readProgressWithRequest(const PropertyList& request);
   std::optional<PropertyList> runDotCleanWithRequest(const PropertyList& request);

@@ -1,4 +1,6 @@
 // describe(): the one-line text that %@ prints.
+#include <ostream>
+
 #include "plist/plist.h"
 #include "plist/plist_text.h"
 
@@ -123,6 +125,8 @@ void describeInto(std::string& out, const PropertyList& v, bool nested) {
 }
 
 }  // namespace
+
+std::ostream& operator<<(std::ostream& out, const PropertyList& value) { return out << describe(value); }
 
 std::string describe(const PropertyList& value) {
   std::string out;

@@ -4,6 +4,7 @@
 
 #include <concepts>
 #include <cstdint>
+#include <iosfwd>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -194,6 +195,8 @@ int writeXmlPlistFile(const std::string& path, const PropertyList& value, unsign
 // The text that %@ prints: strings bare at the top level, dictionaries as { key = value; },
 // arrays as ( a, b ), data as <0a0b0c0d 0e>, null as (null).
 std::string describe(const PropertyList& value);
+// Streams describe(value): logs, test failures.
+std::ostream& operator<<(std::ostream& out, const PropertyList& value);
 
 // Base64 of the XML <data> element.
 std::string base64Encode(const PlistData& data);

@@ -28,6 +28,7 @@
 #include "platform/paths.h"
 #include "platform/resources.h"
 #include "platform/unique_fd.h"
+#include "volumes/command_support.h"
 
 extern char** environ;
 
@@ -80,6 +81,13 @@ std::optional<TaskFiles> filesForTaskType(std::string_view type, std::string_vie
                      hostPath("/var/run/velm_dotclean_" + v + ".log"),
                      hostPath("/var/run/velm_dotclean_" + v + ".error")};
   return std::nullopt;
+}
+
+// The files of a task about to start. /var/run is there on a machine; a fresh sandbox root may
+// not have it yet.
+TaskFiles filesForNewTask(std::string_view type, std::string_view volume) {
+  makeDirectories(hostPath("/var/run"));
+  return *filesForTaskType(type, volume);
 }
 
 // Children of launchAsyncTask.
@@ -251,6 +259,16 @@ size_t reapEndedAsyncTasks() {
   return reaped;
 }
 
+PropertyList longTaskDescription(std::string_view currentTask, std::string_view taskType, pid_t pid,
+                                 std::string_view processName) {
+  PropertyList task = PropertyList::dict();
+  task.set(std::string(kCurrentTask), currentTask);
+  task.set(std::string(kTaskType), taskType);
+  task.set(std::string(kPid), pid);
+  task.set(std::string(kProcessName), processName);
+  return task;
+}
+
 pid_t update_volume_named(const std::string* volume) {
   if (!volume) {
     NError("update_volume_named: volumeName == nil!");
@@ -258,7 +276,7 @@ pid_t update_volume_named(const std::string* volume) {
   }
   if (!checkEntryName(__func__, "the volume name", *volume)) return -1;
   NLog("%s: Running drupdatefs on volume '%@'", __func__, *volume);
-  TaskFiles files = *filesForTaskType(kUpdateType, *volume);
+  TaskFiles files = filesForNewTask(kUpdateType, *volume);
   // The tool reads the configuration from before the change through -c, so the -old copy must
   // stay until the task ends.
   std::vector<std::string> args = {"-c", configPath(*volume + ".cfg-old"), "-S", "-F", *volume};
@@ -438,17 +456,14 @@ std::optional<PropertyList> VelmPlugin::runDotCleanWithRequest(const PropertyLis
       name ? SANFilesystem::localFilesystem().pathForVolume(*name) : std::nullopt;
   std::optional<std::string> script = resourcePath(kDotCleanScript);
 
-  if (name && checkForLongTask(*name)) {
-    NError("runDotClean: long-running operation already in progress for volume '%@'", *name);
-    return answer(kStatusLongTaskRunning);
-  }
+  if (name && refuseForLongTask(*this, "runDotClean", *name)) return answer(kStatusLongTaskRunning);
   if (!mountPath) {
     NError("%s: No mount path found for volume '%@'", __func__,
            name ? PropertyList(*name) : PropertyList());
     return answer(kNotStarted);
   }
   NLog("%s: Running dot_clean on volume '%@' path '%@'", __func__, *name, *mountPath);
-  TaskFiles files = *filesForTaskType(kDotCleanType, *name);
+  TaskFiles files = filesForNewTask(kDotCleanType, *name);
   pid_t pid = -1;
   if (script)
     pid = launchAsyncTask(*script, {*name, *mountPath}, nullptr, &files.log, &files.error);
@@ -457,12 +472,8 @@ std::optional<PropertyList> VelmPlugin::runDotCleanWithRequest(const PropertyLis
     NLog("%s: error launching task for volume '%@'", __func__, *name);
     return answer(kNotStarted);
   }
-  PropertyList task = PropertyList::dict();
-  task.set(std::string(kCurrentTask), "dot_clean");
-  task.set(std::string(kTaskType), kDotCleanType);
-  task.set(std::string(kPid), pid);
   // A script runs as /bin/sh with its path as an argument, so its process is called "sh".
-  task.set(std::string(kProcessName), "sh");
+  PropertyList task = longTaskDescription("dot_clean", kDotCleanType, pid, "sh");
   noteLongTask(&task, *name);
   return answer(0);
 }

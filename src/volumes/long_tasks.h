@@ -28,6 +28,10 @@ pid_t waitForAsyncTask(pid_t pid);
 // Reaps every child of launchAsyncTask that has ended and closes its input pipe; how many.
 size_t reapEndedAsyncTasks();
 
+// A task's description as noteLongTask keeps it: currentTask, taskType, pid, processName.
+PropertyList longTaskDescription(std::string_view currentTask, std::string_view taskType, pid_t pid,
+                                 std::string_view processName);
+
 // Runs drupdatefs on the volume against its <volume>.cfg-old; the pid, or -1 (also for a name
 // that isn't a single entry name).
 pid_t update_volume_named(const std::string* volume);

@@ -20,6 +20,7 @@
 #include "platform/paths.h"
 #include "platform/string_additions.h"
 #include "plist/format.h"
+#include "volumes/command_support.h"
 #include "volumes/volume_inspection.h"
 #include "volumes/volume_state.h"
 
@@ -30,22 +31,6 @@ constexpr std::string_view kFormatTool = "/Library/Filesystems/Velm/bin/drmkfs";
 constexpr std::string_view kCheckTool = "/Library/Filesystems/Velm/bin/drfsck";
 constexpr int kRefused = 22;
 constexpr int kExists = 17;
-
-bool requestFlag(const PropertyList& request, std::string_view key) {
-  const PropertyList* v = request.get(key);
-  return v && v->boolValue();
-}
-
-// The part of an fsmlist line up to its first blank: the volume's name.
-std::string_view firstWord(std::string_view line) { return line.substr(0, line.find(' ')); }
-
-PropertyList responseWithVolumes(PropertyList status) {
-  PropertyList response = PropertyList::dict();
-  response.set("status", std::move(status));
-  const PropertyList* volumes = SANFilesystem::localFilesystem().cachedValueForKey("volumes");
-  response.set("volumes", volumes ? *volumes : PropertyList::array());
-  return response;
-}
 
 }  // namespace
 
@@ -103,7 +88,7 @@ std::optional<PropertyList> VelmPlugin::addVolumesWithRequest(const PropertyList
   const PropertyList* volumes = request.get("volumes");
   bool initialize = requestFlag(request, "initialize");
   bool startLocally = requestFlag(request, "startLocally");
-  std::string fsmlist = readFile(configPath("fsmlist")).value_or("");
+  std::string fsmlist = readFsmlist();
   std::set<std::string> mine = SANComputer::thisComputer().ipAddresses();
   PropertyList statuses = PropertyList::dict();
   std::vector<std::pair<std::string, std::string>> toStart;  // name, this machine's address
@@ -147,17 +132,15 @@ std::optional<PropertyList> VelmPlugin::addVolumesWithRequest(const PropertyList
       added = true;
       statuses.set(*name, 0);
       std::vector<std::string> priority = arrayStrings(volume.get("FailoverPriority"));
-      for (size_t index = 0; index < priority.size(); ++index) {
-        if (!mine.count(priority[index])) continue;
-        fsmlist += format("%@ . %d\n", *name, static_cast<int>(index));
-        toStart.emplace_back(*name, priority[index]);
-        break;
+      if (std::optional<size_t> index = ownFailoverIndex(priority, mine)) {
+        fsmlist += fsmlistLine(*name, *index);
+        toStart.emplace_back(*name, priority[*index]);
       }
     }
   }
 
   if (added) {
-    writeFileAtomically(configPath("fsmlist"), fsmlist);
+    writeFsmlist(fsmlist);
     SANFilesystem& fs = SANFilesystem::localFilesystem();
     fs.sanConfigChanged();
     fs.clearCache();
@@ -258,24 +241,9 @@ std::optional<PropertyList> VelmPlugin::deleteVolumesWithRequest(const PropertyL
 
   // Lines are matched by their whole first word, so "alphabet" stays when "alpha" goes.
   std::set<std::string_view> gone(names.begin(), names.end());
-  std::string kept;
-  std::string text = readFile(configPath("fsmlist")).value_or("");
-  std::vector<std::string> lines;
-  size_t start = 0;
-  while (true) {
-    size_t end = text.find('\n', start);
-    lines.push_back(text.substr(start, end == std::string::npos ? std::string::npos : end - start));
-    if (end == std::string::npos) break;
-    start = end + 1;
-  }
-  bool first = true;
-  for (const std::string& line : lines) {
-    if (gone.count(firstWord(line))) continue;
-    if (!first) kept += '\n';
-    kept += line;
-    first = false;
-  }
-  writeFileAtomically(configPath("fsmlist"), kept);
+  writeFsmlist(editFsmlistLines(readFsmlist(), [&gone](std::string_view line) {
+    return gone.count(fsmlistVolumeName(line)) ? std::nullopt : std::optional<std::string>(line);
+  }));
 
   SANFilesystem& fs = SANFilesystem::localFilesystem();
   fs.sanConfigChanged();
@@ -296,8 +264,7 @@ std::optional<PropertyList> VelmPlugin::reinitializeVolumesWithRequest(
   const char* fn = "reinitializeVolumes";
   std::vector<std::string> names = arrayStrings(request.get("volumes"));
   for (const std::string& name : names) {
-    if (checkForLongTask(name)) {
-      NError("%s: long-running operation already in progress for volume '%@'", fn, name);
+    if (refuseForLongTask(*this, fn, name)) {
       PropertyList busy = PropertyList::dict();
       busy.set("status", kStatusLongTaskRunning);
       return busy;

@@ -55,7 +55,7 @@ TEST_F(DispatchTest, MalformedCommandsAreRefusedWithoutResponseOrLockFdChange) {
       {command("GETSTATE"), "Command to dispatch is unknown"},
       {command("testPerformance"), "Command to dispatch is unknown"},
       {command("tailFile"), "Does not respond to tailFileWithRequest:"},
-      {command("expandVolume"), "Does not respond to expandVolumeWithRequest:"},
+      {command("getQuotas"), "Does not respond to getQuotasWithRequest:"},
   };
   for (const Case& c : cases) {
     log_.clear();

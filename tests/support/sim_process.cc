@@ -115,7 +115,7 @@ std::string SimProcess::stderrText() {
 }
 
 const std::vector<std::string>& simToolNames() {
-  static const std::vector<std::string> names = {"drlabel", "drversions", "drmkfs", "drfsck"};
+  static const std::vector<std::string> names = {"drlabel", "drversions", "drmkfs", "drfsck", "drupdatefs"};
   return names;
 }
 
