@@ -12,6 +12,7 @@
 #include "config/config_test_util.h"
 #include "e2e/e2e_helpers.h"
 #include "support/ports.h"
+#include "support/run_program.h"
 #include "support/sim_process.h"
 
 namespace velm {
@@ -224,6 +225,112 @@ TEST_F(TwoControllersOnAnyPortTest, CreateOnBothStartAndDeleteLocallyThenEverywh
   EXPECT_EQ(text(details(b_, "Media"), "state"), "STOPPED");
   EXPECT_FALSE(a_.root.exists("/Library/Filesystems/Velm/data/Media"));
   for (Controller* c : {&a_, &b_}) EXPECT_EQ(command(*c, "getVolumes").get("volumes")->size(), 1u);
+}
+
+// The reconfiguration commands as an administrator gives them: velmadmin against the daemon.
+class ReconfigureThroughVelmadminTest : public TwoControllersOnAnyPortTest {
+ protected:
+  // velmadmin --server, the request as a plist file; the answer it printed.
+  PropertyList velmadmin(Controller& c, const std::string& name,
+                         std::vector<std::pair<std::string, PropertyList>> keys = {}) {
+    std::string file =
+        c.root.write("/request.plist", writeXmlPlist(test::request(name, std::move(keys))));
+    test::ProgramResult r = test::runProgram(
+        "velmadmin", {"--server", c.daemon->url(), "--token-file",
+                      c.root.path("/var/adminhostd/admin.token"), "--request", file});
+    EXPECT_EQ(r.status, 0) << name << ": " << r.err;
+    PlistReadResult answer = readXmlPlist(r.out);
+    return answer ? *answer.value : PropertyList();
+  }
+  // readProgress until the task ends; every answer, in order.
+  std::vector<PropertyList> progressUntilDone(Controller& c) {
+    std::vector<PropertyList> answers;
+    // Until the tool's first status a task reads as done: wait for it.
+    for (int i = 0; i < 500 && !c.root.exists("/var/run/drupdatefs_status_Projects.plist"); ++i)
+      ::usleep(10000);
+    for (int i = 0; i < 1500; ++i) {
+      if (i > 0) ::usleep(20000);
+      answers.push_back(velmadmin(c, "readProgress", {{"volumeName", PropertyList("Projects")}}));
+      const PropertyList* percent = answers.back().get("percentComplete");
+      if (answers.back().get("ProgressDone") || (percent && percent->doubleValue() >= 100.0)) break;
+    }
+    return answers;
+  }
+};
+
+TEST_F(ReconfigureThroughVelmadminTest, ExpandARunningVolumeLeaveItsFailoverAndRenameItStopped) {
+  test::installSimTools(a_.root);
+  a_.root.write(
+      "/sim/tools/drupdatefs.plist",
+      "<plist version=\"1.0\"><dict><key>stepSeconds</key><real>0.1</real></dict></plist>\n");
+  a_.root.write("/Library/Filesystems/Velm/data/Projects/log/.keep", "");
+  a_.root.write("/Library/Filesystems/Velm/config/fsmlist", "Projects . 1\n");
+  ASSERT_EQ(status(setState(a_, "START")), 0);
+
+  // A new stripe group on a running volume, and the update to its end.
+  PropertyList volume = velmadmin(a_, "getVolumes").get("volumes")->asArray()->front();
+  PropertyList disk = volume.get("Disks")->asArray()->back();
+  disk.set("Disk", "Fresh1");
+  disk.set("_id_", "Disk_Fresh1");
+  PropertyList group = volume.get("StripeGroups")->asArray()->back();
+  group.set("StripeGroup", "Fresh");
+  group.set("_id_", "StripeGroup_Fresh");
+  PropertyList node = PropertyList::dict();
+  node.set("NodeDiskDevice", "Fresh1");
+  node.set("NodeRotationIndex", 0);
+  group.set("Nodes", PlistArray{node});
+  PropertyList addition = PropertyList::dict();
+  addition.set("Name", "Projects");
+  addition.set("Disks", PlistArray{disk});
+  addition.set("StripeGroups", PlistArray{group});
+  PropertyList expanded =
+      velmadmin(a_, "expandVolume", {{"volume", addition}, {"update", PropertyList(true)}});
+  ASSERT_EQ(status(expanded), 0) << describe(expanded);
+  EXPECT_EQ(expanded.get("volume")->get("StripeGroups")->size(), 4u);
+  std::vector<PropertyList> progress = progressUntilDone(a_);
+  ASSERT_FALSE(progress.empty());
+  // The tool's stages show as they pass, never going back.
+  double seen = 0;
+  bool between = false;
+  for (const PropertyList& p : progress) {
+    double percent = p.get("percentComplete") ? *p.get("percentComplete")->doubleValue() : -1;
+    EXPECT_GE(percent, seen) << describe(p);
+    seen = std::max(seen, percent);
+    between = between || (percent > 0 && percent < 100);
+  }
+  EXPECT_TRUE(between);
+  EXPECT_EQ(progress.back().get("percentComplete")->doubleValue(), 100.0)
+      << describe(progress.back());
+  EXPECT_FALSE(progress.back().get("errorCode")) << describe(progress.back());
+  EXPECT_EQ(text(progress.back(), "currentTask"), "Expanding volume");
+  EXPECT_NE(a_.root.read("/Library/Filesystems/Velm/data/Projects/updates.log").find("Fresh"),
+            std::string::npos);
+  EXPECT_EQ(text(details(b_), "state"), "RUNNING");
+
+  // This machine leaves the failover order: its fsmlist line goes and velmd hears of it.
+  ::unlink(a_.root.path("/var/run/velm/notify/com.orvane.velm.sanConfigChanged").c_str());
+  PropertyList only = PropertyList::dict();
+  only.set("Name", "Projects");
+  only.set("FailoverPriority", PlistArray{PropertyList(kB)});
+  PropertyList changed = velmadmin(a_, "changeVolumeSettings", {{"volumes", PlistArray{only}}});
+  ASSERT_EQ(status(changed), 0) << describe(changed);
+  EXPECT_EQ(a_.root.read("/Library/Filesystems/Velm/config/fsmlist"), "");
+  EXPECT_TRUE(a_.root.exists("/var/run/velm/notify/com.orvane.velm.sanConfigChanged"));
+
+  // Stopped everywhere, then renamed by the tool on this controller.
+  ASSERT_EQ(status(setState(a_, "STOP")), 0);
+  PropertyList renamed = velmadmin(a_, "renameVolume",
+                                   {{"oldName", PropertyList("Projects")},
+                                    {"newName", PropertyList("Films")},
+                                    {"update", PropertyList(true)}});
+  ASSERT_EQ(status(renamed), 0) << describe(renamed);
+  ASSERT_EQ(renamed.get("volumes")->size(), 1u);
+  EXPECT_EQ(text(renamed.get("volumes")->asArray()->front(), "Name"), "Films");
+  EXPECT_TRUE(a_.root.exists("/Library/Filesystems/Velm/data/Films/updates.log"));
+  EXPECT_TRUE(a_.root.exists("/Library/Filesystems/Velm/config/Films-auxdata.plist"));
+  EXPECT_EQ(
+      text(velmadmin(a_, "readProgress", {{"volumeName", PropertyList("Projects")}}), "error"),
+      "Volume does not exist");
 }
 
 }  // namespace
