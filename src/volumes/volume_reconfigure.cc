@@ -55,14 +55,18 @@ PropertyList nameOrNull(const std::string* name) {
   return name ? PropertyList(*name) : PropertyList();
 }
 
-// The array under key, made when it is missing or is no array.
-PlistArray& arrayAt(PropertyList& dict, std::string_view key) {
+// The value under key, first set to empty when it is missing or of another type.
+PropertyList& childOfType(PropertyList& dict, std::string_view key, PropertyList empty) {
   PropertyList* v = dict.get(key);
-  if (!v || !v->isArray()) {
-    dict.set(std::string(key), PropertyList::array());
+  if (!v || v->type() != empty.type()) {
+    dict.set(std::string(key), std::move(empty));
     v = dict.get(key);
   }
-  return *v->asArray();
+  return *v;
+}
+
+PlistArray& arrayAt(PropertyList& dict, std::string_view key) {
+  return *childOfType(dict, key, PropertyList::array()).asArray();
 }
 
 void appendAll(PropertyList& dict, std::string_view key, const PropertyList* from) {
@@ -103,6 +107,7 @@ class Reconfiguration {
     return 0;
   }
 
+  const std::string& name() const { return name_; }
   PropertyList& edited() { return edited_->dictionary(); }
   SANConfigParser& editedParser() { return *edited_; }
 
@@ -184,6 +189,68 @@ std::string fsmlistForPriority(const std::string& volume, const PropertyList* pr
   return text;
 }
 
+// The edit of one element of a request's volumes: it changes the new parser's dictionary, and
+// answers a new fsmlist text when the machine's line changes.
+using VolumeEdit = std::optional<std::string> (*)(const PropertyList& element, Reconfiguration&);
+
+// changeVolumeSettings: the aux data whole, the failover order, and the changeable globals.
+std::optional<std::string> editSettings(const PropertyList& element, Reconfiguration& change) {
+  PropertyList& edited = change.edited();
+  if (const PropertyList* aux = element.get("AuxData")) edited.set("AuxData", *aux);
+  std::optional<std::string> fsmlist;
+  if (const PropertyList* priority = element.get("FailoverPriority"))
+    fsmlist = fsmlistForPriority(change.name(), priority);
+  for (std::string_view key : kChangeableGlobals) {
+    if (const PropertyList* value = element.get(key))
+      childOfType(edited, "Globals", PropertyList::dict()).set(std::string(key), *value);
+  }
+  return fsmlist;
+}
+
+// changeStripeGroupSettings: Exclusive of the named groups, and nothing else of a group.
+std::optional<std::string> editStripeGroupSettings(const PropertyList& element,
+                                                   Reconfiguration& change) {
+  const PlistArray* groups = arrayOf(element, "StripeGroups");
+  if (!groups) return std::nullopt;
+  for (const PropertyList& wanted : *groups) {
+    const std::string* groupName = wanted.isDict() ? wanted.getString("StripeGroup") : nullptr;
+    PropertyList* group = groupName ? change.editedParser().storagePoolNamed(*groupName) : nullptr;
+    const PropertyList* exclusive = group ? wanted.get("Exclusive") : nullptr;
+    if (!exclusive) continue;
+    // A metadata or journal group keeps its Exclusive value, without a word.
+    const PropertyList* metadata = group->get("Metadata");
+    const PropertyList* journal = group->get("Journal");
+    if ((metadata && metadata->boolValue()) || (journal && journal->boolValue())) continue;
+    group->set("Exclusive", *exclusive);
+  }
+  return std::nullopt;
+}
+
+// What changeVolumeSettings and changeStripeGroupSettings share: no volume is touched while any of
+// them has a long task; then each in order, until the first failure, the volumes before it
+// keeping their change.
+PropertyList reconfigureEach(VelmPlugin& plugin, const PropertyList& request, const char* fn,
+                             bool copyAux, VolumeEdit edit) {
+  bool update = requestFlag(request, "update");
+  std::vector<const PropertyList*> volumes = requestVolumes(request);
+  for (const PropertyList* element : volumes) {
+    const std::string* name = nameOf(element);
+    if (name && refuseForLongTask(plugin, fn, *name)) return answer(kStatusLongTaskRunning);
+  }
+  PropertyList changed = PropertyList::array();
+  int status = 0;
+  for (const PropertyList* element : volumes) {
+    Reconfiguration change(fn, "Updating volume");
+    if ((status = change.open(nameOf(element))) != 0) break;
+    std::optional<std::string> fsmlist = edit(*element, change);
+    PropertyList result;
+    if ((status = change.commit(plugin, update, copyAux, fsmlist, &result)) != 0) break;
+    changed.push(std::move(result));
+  }
+  SANFilesystem::localFilesystem().clearCache();
+  return answer(status, std::move(changed));
+}
+
 }  // namespace
 
 std::optional<PropertyList> VelmPlugin::expandVolumeWithRequest(const PropertyList& request) {
@@ -223,79 +290,13 @@ std::optional<PropertyList> VelmPlugin::expandVolumeWithRequest(const PropertyLi
 
 std::optional<PropertyList> VelmPlugin::changeVolumeSettingsWithRequest(
     const PropertyList& request) {
-  const char* fn = "changeVolumeSettings";
-  bool update = requestFlag(request, "update");
-  std::vector<const PropertyList*> volumes = requestVolumes(request);
-  for (const PropertyList* element : volumes) {
-    const std::string* name = nameOf(element);
-    if (name && refuseForLongTask(*this, fn, *name)) return answer(kStatusLongTaskRunning);
-  }
-
-  PropertyList changed = PropertyList::array();
-  int status = 0;
-  // The first failure ends the loop; volumes before it keep their change.
-  for (const PropertyList* element : volumes) {
-    const std::string* name = nameOf(element);
-    Reconfiguration change(fn, "Updating volume");
-    if ((status = change.open(name)) != 0) break;
-    PropertyList& edited = change.edited();
-    if (const PropertyList* aux = element->get("AuxData")) edited.set("AuxData", *aux);
-    std::optional<std::string> fsmlist;
-    if (const PropertyList* priority = element->get("FailoverPriority"))
-      fsmlist = fsmlistForPriority(*name, priority);
-    for (std::string_view key : kChangeableGlobals) {
-      const PropertyList* value = element->get(key);
-      if (!value) continue;
-      PropertyList* globals = edited.get("Globals");
-      if (!globals || !globals->isDict()) {
-        edited.set("Globals", PropertyList::dict());
-        globals = edited.get("Globals");
-      }
-      globals->set(std::string(key), *value);
-    }
-    PropertyList result;
-    if ((status = change.commit(*this, update, true, fsmlist, &result)) != 0) break;
-    changed.push(std::move(result));
-  }
-  SANFilesystem::localFilesystem().clearCache();
-  return answer(status, std::move(changed));
+  return reconfigureEach(*this, request, "changeVolumeSettings", true, editSettings);
 }
 
 std::optional<PropertyList> VelmPlugin::changeStripeGroupSettingsWithRequest(
     const PropertyList& request) {
-  const char* fn = "changeStripeGroupSettings";
-  bool update = requestFlag(request, "update");
-  std::vector<const PropertyList*> volumes = requestVolumes(request);
-  for (const PropertyList* element : volumes) {
-    const std::string* name = nameOf(element);
-    if (name && refuseForLongTask(*this, fn, *name)) return answer(kStatusLongTaskRunning);
-  }
-
-  PropertyList changed = PropertyList::array();
-  int status = 0;
-  for (const PropertyList* element : volumes) {
-    Reconfiguration change(fn, "Updating volume");
-    if ((status = change.open(nameOf(element))) != 0) break;
-    if (const PlistArray* groups = arrayOf(*element, "StripeGroups")) {
-      for (const PropertyList& wanted : *groups) {
-        const std::string* groupName = wanted.isDict() ? wanted.getString("StripeGroup") : nullptr;
-        PropertyList* group =
-            groupName ? change.editedParser().storagePoolNamed(*groupName) : nullptr;
-        const PropertyList* exclusive = group ? wanted.get("Exclusive") : nullptr;
-        if (!exclusive) continue;
-        // A metadata or journal group keeps its Exclusive value, without a word.
-        const PropertyList* metadata = group->get("Metadata");
-        const PropertyList* journal = group->get("Journal");
-        if ((metadata && metadata->boolValue()) || (journal && journal->boolValue())) continue;
-        group->set("Exclusive", *exclusive);
-      }
-    }
-    PropertyList result;
-    if ((status = change.commit(*this, update, false, std::nullopt, &result)) != 0) break;
-    changed.push(std::move(result));
-  }
-  SANFilesystem::localFilesystem().clearCache();
-  return answer(status, std::move(changed));
+  return reconfigureEach(*this, request, "changeStripeGroupSettings", false,
+                         editStripeGroupSettings);
 }
 
 }  // namespace velm

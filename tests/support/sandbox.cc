@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -28,8 +29,10 @@ SandboxRoot::SandboxRoot() {
 SandboxRoot::~SandboxRoot() {
   std::error_code ec;
   std::filesystem::remove_all(root_, ec);
-  if (hadRoot_) ::setenv("VELM_ROOT", savedRoot_.c_str(), 1);
-  else ::unsetenv("VELM_ROOT");
+  if (hadRoot_)
+    ::setenv("VELM_ROOT", savedRoot_.c_str(), 1);
+  else
+    ::unsetenv("VELM_ROOT");
   resetPathsForTest();
 }
 
@@ -37,7 +40,8 @@ std::string SandboxRoot::path(std::string_view absolutePath) const {
   return root_ + std::string(absolutePath);
 }
 
-std::string SandboxRoot::write(std::string_view absolutePath, std::string_view content, unsigned mode) const {
+std::string SandboxRoot::write(std::string_view absolutePath, std::string_view content,
+                               unsigned mode) const {
   std::string p = path(absolutePath);
   std::filesystem::create_directories(std::filesystem::path(p).parent_path());
   std::ofstream(p, std::ios::binary | std::ios::trunc) << content;
@@ -49,6 +53,19 @@ std::string SandboxRoot::read(std::string_view absolutePath) const {
   return readFile(path(absolutePath)).value_or("");
 }
 
-bool SandboxRoot::exists(std::string_view absolutePath) const { return pathExists(path(absolutePath)); }
+bool SandboxRoot::exists(std::string_view absolutePath) const {
+  return pathExists(path(absolutePath));
+}
+
+std::vector<std::string> SandboxRoot::listing() const {
+  std::vector<std::string> entries;
+  std::error_code ec;
+  for (auto& e : std::filesystem::recursive_directory_iterator(root_, ec)) {
+    std::uintmax_t size = e.is_regular_file() ? e.file_size() : 0;
+    entries.push_back(e.path().string() + ":" + std::to_string(size));
+  }
+  std::sort(entries.begin(), entries.end());
+  return entries;
+}
 
 }  // namespace velm::test

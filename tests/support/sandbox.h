@@ -5,6 +5,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace velm::test {
 
@@ -19,9 +20,13 @@ class SandboxRoot {
   // root + absolutePath
   std::string path(std::string_view absolutePath) const;
   // Writes a file (making its directories) under the root; returns its full path.
-  std::string write(std::string_view absolutePath, std::string_view content, unsigned mode = 0644) const;
+  std::string write(std::string_view absolutePath, std::string_view content,
+                    unsigned mode = 0644) const;
   std::string read(std::string_view absolutePath) const;
   bool exists(std::string_view absolutePath) const;
+  // Every entry under the root, sorted, each as "<path>:<size>" (0 for directories): for tests
+  // that must find nothing written.
+  std::vector<std::string> listing() const;
 
  private:
   std::string root_;

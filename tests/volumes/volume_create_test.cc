@@ -113,14 +113,7 @@ TEST_F(VolumeCreateTest, AFailedFormatTakesTheNewFilesAway) {
 }
 
 TEST_F(VolumeCreateTest, NamesThatLeaveTheConfigDirectoryAreRefusedUnwritten) {
-  auto listing = [&] {
-    std::vector<std::string> names;
-    for (auto& e : std::filesystem::recursive_directory_iterator(sandbox_.root()))
-      names.push_back(e.path().string());
-    std::sort(names.begin(), names.end());
-    return names;
-  };
-  std::vector<std::string> before = listing();
+  std::vector<std::string> before = sandbox_.listing();
   PropertyList r = add({volume("../evil", {kControllerA}), volume("a/b", {kControllerA}),
                         volume("", {kControllerA})});
   EXPECT_EQ(statusOf(r, "../evil"), 22);
@@ -132,7 +125,7 @@ TEST_F(VolumeCreateTest, NamesThatLeaveTheConfigDirectoryAreRefusedUnwritten) {
   PropertyList re =
       run("reinitializeVolumes", {{"volumes", PropertyList(PlistArray{PropertyList("x/../y")})}});
   EXPECT_EQ(re.get("status")->int64Value(), 22);
-  std::vector<std::string> after = listing();
+  std::vector<std::string> after = sandbox_.listing();
   std::erase_if(after, [](const std::string& p) { return p.find("fsmlist") != std::string::npos; });
   EXPECT_EQ(after, before);
 }

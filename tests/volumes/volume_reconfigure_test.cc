@@ -102,15 +102,6 @@ class VolumeReconfigureTest : public test::ControllerTest {
     }
     return last;
   }
-  // Every file under the root, for tests that must find nothing written.
-  std::vector<std::string> listing() {
-    std::vector<std::string> names;
-    for (auto& e : std::filesystem::recursive_directory_iterator(sandbox_.root()))
-      names.push_back(e.path().string() + ":" +
-                      std::to_string(e.is_regular_file() ? e.file_size() : 0));
-    std::sort(names.begin(), names.end());
-    return names;
-  }
 };
 
 TEST_F(VolumeReconfigureTest, ExpandWithOnlyTheNameRewritesInOurFormAndUpdatesToTheEnd) {
@@ -303,7 +294,7 @@ TEST_F(VolumeReconfigureTest, NothingRunsBesideARunningUpdate) {
   tool({{"stepSeconds", 2.0}});
   ASSERT_EQ(status(expand(named("Projects"), true)), 0);
   ASSERT_TRUE(waitForStatusFile());
-  std::vector<std::string> before = listing();
+  std::vector<std::string> before = sandbox_.listing();
 
   EXPECT_EQ(status(expand(named("Projects"), true)), 100058);
   EXPECT_TRUE(log_.contains(
@@ -321,7 +312,7 @@ TEST_F(VolumeReconfigureTest, NothingRunsBesideARunningUpdate) {
   // One tool, and nothing else touched.
   std::string calls = toolCalls();
   EXPECT_EQ(std::count(calls.begin(), calls.end(), '\n'), 1);
-  EXPECT_EQ(listing(), before);
+  EXPECT_EQ(sandbox_.listing(), before);
 
   // The tool dies before it is done: the change is undone.
   pid_t pid =
@@ -362,7 +353,7 @@ TEST_F(VolumeReconfigureTest, AnUpdateThatCannotStartPutsTheOldFileBack) {
 }
 
 TEST_F(VolumeReconfigureTest, NamesThatLeaveTheConfigDirectoryChangeNothing) {
-  std::vector<std::string> before = listing();
+  std::vector<std::string> before = sandbox_.listing();
   for (const char* bad : {"../Projects", "a/b", "..", ""}) {
     SCOPED_TRACE(bad);
     EXPECT_EQ(status(expand(named(bad), true)), 22);
@@ -377,7 +368,7 @@ TEST_F(VolumeReconfigureTest, NamesThatLeaveTheConfigDirectoryChangeNothing) {
                          {{"oldName", PropertyList(bad)}, {"newName", PropertyList("Fresh")}})),
               22);
   }
-  EXPECT_EQ(listing(), before);
+  EXPECT_EQ(sandbox_.listing(), before);
 }
 
 class VolumeRenameTest : public VolumeReconfigureTest {
