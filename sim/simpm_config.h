@@ -87,6 +87,11 @@ bool loadSimPmConfig(const std::string& path, SimPmConfig* config, std::string* 
 // running), read by loadSimPmConfig. False with a reason.
 bool loadSimPmPortMapperKeys(const PropertyList& top, SimPmConfig* config, std::string* error);
 
+// The disks a LUN table (<root>/sim/luns.plist, as drlabel keeps it) adds: one per record with a
+// Label of the file system's kind (LabelType absent or "QMFS-..."), appended to *disks. A missing
+// table adds none; false with a reason for one that is not a plist dictionary.
+bool lunTableDisks(const std::string& path, std::vector<SimDisk>* disks, std::string* error);
+
 // "'key' what": the text of a bad key.
 std::string keyError(std::string_view key, std::string_view what);
 

@@ -26,6 +26,8 @@ const char kUsage[] =
     "local FSM (priority the index, 1 without one) with its own admin port, and starts it. A\n"
     "stopped FSM added that way whose line is gone leaves the list; FSMs of the configuration\n"
     "stay.\n"
+    "Each rescan of the disks also lists the LUNs of DIR/sim/luns.plist (drlabel's table) that\n"
+    "bear a file-system label, after the configured disks.\n"
     "\n"
     "  --root DIR      sandbox root (required)\n"
     "  --listen ADDR   address to listen on (default 127.0.0.1)\n"

@@ -1,6 +1,7 @@
 // The port-mapper side's configuration keys.
 #include <netinet/in.h>
 
+#include "platform/files.h"
 #include "plist/plist.h"
 #include "sim/simpm_config.h"
 
@@ -111,6 +112,35 @@ bool loadSimPmPortMapperKeys(const PropertyList& top, SimPmConfig* config, std::
       }
       config->peers.push_back(*s);
     }
+  }
+  return true;
+}
+
+bool lunTableDisks(const std::string& path, std::vector<SimDisk>* disks, std::string* error) {
+  std::optional<std::string> content = readFile(path);
+  if (!content) return true;  // no table: no disks from it
+  PlistReadOptions options;
+  options.requireDictionary = true;
+  PlistReadResult table = readXmlPlist(*content, options);
+  if (!table) {
+    *error = path + ": " + table.error;
+    return false;
+  }
+  for (const auto& [device, record] : *table.value->asDict()) {
+    const std::string* label = record.isDict() ? record.getString("Label") : nullptr;
+    const std::string* type = label ? record.getString("LabelType") : nullptr;
+    // Only the file system's own labels make a disk of the SAN.
+    if (!label || (type && type->rfind("QMFS-", 0) != 0)) continue;
+    SimDisk d;
+    d.label = *label;
+    d.device = device;
+    text(record, "serialNumber", &d.serial);
+    text(record, "inquiryString", &d.inquiry);
+    std::string why;
+    readConfigNumber(record, "size", &d.size, &why);
+    readConfigNumber(record, "sectorSize", &d.sectorSize, &why);
+    readConfigNumber(record, "lunID", &d.lunId, &why);
+    disks->push_back(std::move(d));
   }
   return true;
 }

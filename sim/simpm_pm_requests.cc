@@ -424,8 +424,18 @@ struct PmSide {
     std::size_t room = get_be16(msg + kPmPort);
     std::scoped_lock lock(p.pmMutex_);
     SimPmConfig& c = p.config_;
-    // A rescan makes a new disk-list generation.
-    if (refresh) ++c.diskGeneration;
+    // A rescan makes a new disk-list generation, and sees what the label tool did since.
+    if (refresh) {
+      ++c.diskGeneration;
+      if (!p.lunTablePath_.empty()) {
+        std::vector<SimDisk> disks = p.configuredDisks_;
+        std::string why;
+        if (lunTableDisks(p.lunTablePath_, &disks, &why))
+          c.disks = std::move(disks);
+        else
+          simLog("disks: %s; the list stays as it was", why.c_str());
+      }
+    }
     std::memset(msg + kPmType, 0, kPmMsgLen - kPmType);
     put_be16(msg + kPmType, type);
     if (index >= static_cast<int>(c.disks.size()) && !(refresh && index == 0)) {

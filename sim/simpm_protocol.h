@@ -64,6 +64,12 @@ class SimPmProtocol {
     fsmListPath_ = std::move(path);
     listenFsm_ = std::move(listen);
   }
+  // Follow the sandbox's LUN table (path) from now on: each rescan of the disks lists the
+  // configured disks and then the labelled LUNs of the table, as drlabel left them.
+  void followLunTable(std::string path) {
+    lunTablePath_ = std::move(path);
+    configuredDisks_ = config_.disks;
+  }
   // Drops stopped FSMs that came from fsmlist and are no longer listed there; then, when
   // startName is listed but not in the table, adds it, stopped, for the start to run.
   void syncFsmList(const std::string& startName);
@@ -87,6 +93,8 @@ class SimPmProtocol {
   std::mutex pmMutex_;
   bool proxyChangeTold_ = false;
   std::string fsmListPath_;
+  std::string lunTablePath_;
+  std::vector<SimDisk> configuredDisks_;
   FsmListenerFactory listenFsm_;
   // Serializes syncFsmList (taken before pmMutex_), so one name is added once.
   std::mutex fsmListMutex_;

@@ -107,6 +107,7 @@ bool SimPortMapper::start(const SimPmOptions& options, std::string* error) {
       !listenOn(listenAddr, config.pmPort, Listener::Service, 0, &servicePort_, error))
     return false;
   protocol_ = std::make_unique<SimPmProtocol>(std::move(config), listenAddr, servicePort_);
+  protocol_->followLunTable(options.root + "/sim/luns.plist");
   protocol_->followFsmList(drfs + "/config/fsmlist", [this](std::size_t i, const in6_addr& a) {
     return addFsmListener(i, a);
   });

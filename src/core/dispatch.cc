@@ -33,6 +33,8 @@ const std::map<std::string_view, VelmPlugin::Handler>& handlers() {
       {"readSettingsWithRequest:", &VelmPlugin::readSettingsWithRequest},
       {"getLUNsWithRequest:", &VelmPlugin::getLUNsWithRequest},
       {"refreshLUNsWithRequest:", &VelmPlugin::refreshLUNsWithRequest},
+      {"identifyLUNsWithRequest:", &VelmPlugin::identifyLUNsWithRequest},
+      {"labelLUNsWithRequest:", &VelmPlugin::labelLUNsWithRequest},
       {"getVolumeStateWithRequest:", &VelmPlugin::getVolumeStateWithRequest},
       {"setVolumeStateWithRequest:", &VelmPlugin::setVolumeStateWithRequest},
       {"getVolumesWithRequest:", &VelmPlugin::getVolumesWithRequest},

@@ -42,6 +42,8 @@ class VelmPlugin : public PluginRequestHandler {
   std::optional<PropertyList> getComputerPropertiesWithRequest(const PropertyList& request);
   std::optional<PropertyList> getLUNsWithRequest(const PropertyList& request);
   std::optional<PropertyList> refreshLUNsWithRequest(const PropertyList& request);
+  std::optional<PropertyList> identifyLUNsWithRequest(const PropertyList& request);
+  std::optional<PropertyList> labelLUNsWithRequest(const PropertyList& request);
   // Volume state and inspection.
   std::optional<PropertyList> getVolumeStateWithRequest(const PropertyList& request);
   std::optional<PropertyList> setVolumeStateWithRequest(const PropertyList& request);

@@ -1,4 +1,4 @@
-// The commands getLUNs and refreshLUNs.
+// The commands getLUNs, refreshLUNs and identifyLUNs.
 #include "core/velm_plugin.h"
 #include "gateway/san_filesystem.h"
 #include "plist/key_list.h"
@@ -23,6 +23,24 @@ std::optional<PropertyList> VelmPlugin::refreshLUNsWithRequest(const PropertyLis
   fs.disksChanged();
   fs.clearCache();
   return visibleLUNsResponse();
+}
+
+std::optional<PropertyList> VelmPlugin::identifyLUNsWithRequest(const PropertyList& request) {
+  const PropertyList* luns = request.get("luns");
+  const PlistArray* records = luns ? luns->asArray() : nullptr;
+  if (!records || records->empty()) return PropertyList::dict();
+  PropertyList lookup = PropertyList::dict();
+  for (const PropertyList& record : *records)
+    lookup.set(SANFilesystem::identifierLookupFromLUNRecord(record), "");
+  SANFilesystem& fs = SANFilesystem::localFilesystem();
+  fs.findDisksByIdentifier(lookup);
+  const PropertyList* stop = request.get("shouldStop");
+  if (stop && stop->boolValue())
+    fs.stopIdentifyingLUNs(lookup);
+  else
+    fs.identifyLUNs(lookup);
+  // The reading goes on after the answer.
+  return PropertyList::dict();
 }
 
 }  // namespace velm

@@ -1,14 +1,16 @@
 // SANFilesystem: this machine's view of the SAN file system: the volume configurations here, the
 // LUNs it sees, which volumes are mounted and where, and the link to velmd. A singleton; callers
-// hold the plugin lock (the LUN identification table has its own monitor).
+// hold the plugin lock (the LUN readers have their own monitor).
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "gateway/lun_identification.h"
 #include "model/cached_object.h"
 #include "model/plugin_status.h"
 
@@ -52,6 +54,19 @@ class SANFilesystem : public CachedObject {
   const PropertyList& acquireDiskDescriptionTable();
   void releaseDiskDescriptionTable();
 
+  // ---- LUN identification ----
+  // "<connectionType>:<serialNumber>" of a LUN record (each key also capitalised); "" when either
+  // is missing.
+  static std::string identifierLookupFromLUNRecord(const PropertyList& record);
+  // Fills in the device names of the visible LUNs under their lookup keys: every visible LUN when
+  // lookup is empty, else only the keys already there.
+  void findDisksByIdentifier(PropertyList& lookup);
+  // A reader for each non-empty device name among the values; true.
+  bool identifyLUNs(const PropertyList& lookup);
+  // Takes the mark of each non-empty device name among the values; true.
+  bool stopIdentifyingLUNs(const PropertyList& lookup);
+  LunIdentification& lunIdentification() { return *identification_; }
+
   // ---- velmd ----
   // The reply, or nothing on any failure of the exchange (logged).
   std::optional<PropertyList> doVelmdManagementRpcWithCommand(const PropertyList& command);
@@ -76,9 +91,8 @@ class SANFilesystem : public CachedObject {
   void updateDiskDescriptionTable();
   bool notifyAndRestartAdminLibrary(const char* caller, std::string_view command);
 
-  // Device name to the date of its last identification request; guarded by lunLock_.
-  PropertyList lunIdentificationDict_ = PropertyList::dict();
-  std::mutex lunLock_;  // the monitor of lunIdentificationDict_; a leaf
+  // The LUN readers and their marks; ends and joins them when this object goes.
+  std::unique_ptr<LunIdentification> identification_ = std::make_unique<LunIdentification>();
   // Volume name to its description; guarded by diskDescriptionTableLock_.
   PropertyList diskDescriptionTable_ = PropertyList::dict();
   // Third in the lock order, after the plugin lock and the QMAdmin lock.

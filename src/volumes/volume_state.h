@@ -54,6 +54,10 @@ int standby_volume_by_host(const std::string* name, const PropertyList& localAdd
 int stop_volume_on_specific_ip(const std::string* name, const std::string& address);
 int activate_volume_by_host(const std::string* name, const std::string* address);
 
+// The labelled disks the port mapper lists (after asking it to rescan), skipping the label
+// "Untitled"; *disks is always a new array. 0, or kStatusLabeledDisksFailed.
+int get_labeled_disks(int handle, PropertyList* disks);
+
 // The format and check tools: 0, or kStatusInitializeFailed / kStatusCheckFailed.
 int initialize_volume_named(const std::string* volume, const std::string* affinity);
 int fsck_volume_named(const std::string* volume);
