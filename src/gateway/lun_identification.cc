@@ -15,13 +15,14 @@
 
 namespace velm {
 
-std::uint64_t readForPeriod(int fd, char* buffer, std::size_t size, std::uint64_t deadlineMicros,
-                            const std::atomic<bool>* stop) {
-  std::uint64_t reads = 0;
+ReadPeriod readForPeriod(int fd, char* buffer, std::size_t size, std::uint64_t deadlineMicros,
+                         const std::atomic<bool>* stop) {
+  ReadPeriod period;
   while (clock().monotonicMicros() < deadlineMicros) {
     if (stop && stop->load(std::memory_order_relaxed)) break;
-    ++reads;
+    ++period.reads;
     ssize_t n = ::read(fd, buffer, size);
+    if (n > 0) period.bytes += static_cast<std::uint64_t>(n);
     if (n >= 0 && static_cast<std::size_t>(n) == size) continue;
     if (::lseek(fd, 0, SEEK_SET) != 0) {
       // Nothing to read here (the device could not be opened, or can't go back): the period is
@@ -32,7 +33,7 @@ std::uint64_t readForPeriod(int fd, char* buffer, std::size_t size, std::uint64_
       break;
     }
   }
-  return reads;
+  return period;
 }
 
 LunIdentification::~LunIdentification() {

@@ -55,11 +55,17 @@ class LunIdentification {
   std::atomic<bool> closing_{false};
 };
 
+// What one read period did.
+struct ReadPeriod {
+  std::uint64_t reads = 0;  // read calls made
+  std::uint64_t bytes = 0;  // bytes they gave
+};
+
 // One read period of a reader: reads size bytes at a time from fd into buffer, with no pause,
 // until the monotonic clock reaches deadlineMicros, going back to the start after a short read.
-// The number of reads. A descriptor that can't be read (or sought back) waits out the period on
-// the clock instead; stop, when set, ends the period at once.
-std::uint64_t readForPeriod(int fd, char* buffer, std::size_t size, std::uint64_t deadlineMicros,
-                            const std::atomic<bool>* stop = nullptr);
+// A descriptor that can't be read (or sought back) waits out the period on the clock instead;
+// stop, when set, ends the period at once.
+ReadPeriod readForPeriod(int fd, char* buffer, std::size_t size, std::uint64_t deadlineMicros,
+                         const std::atomic<bool>* stop = nullptr);
 
 }  // namespace velm

@@ -189,15 +189,16 @@ TEST_F(LunIdentificationTest, AReadPeriodReadsWithoutPauseAndStartsOverAfterASho
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
     advance(1);
   });
-  std::uint64_t reads = readForPeriod(fd, buffer.data(), buffer.size(), deadline, &stop);
+  ReadPeriod period = readForPeriod(fd, buffer.data(), buffer.size(), deadline, &stop);
   mover.join();
   // Every read was short, and each one was read from the start again.
-  EXPECT_GT(reads, 10u);
+  EXPECT_GT(period.reads, 10u);
+  EXPECT_EQ(period.bytes, period.reads * 1000);
   EXPECT_EQ(::lseek(fd, 0, SEEK_CUR), 0);
   ::close(fd);
   // A descriptor that can't be read waits the period out on the clock instead of spinning.
   std::uint64_t start = clock_->monotonicMicros();
-  EXPECT_EQ(readForPeriod(-1, buffer.data(), buffer.size(), start + 1'000'000, &stop), 1u);
+  EXPECT_EQ(readForPeriod(-1, buffer.data(), buffer.size(), start + 1'000'000, &stop).reads, 1u);
   EXPECT_EQ(clock_->monotonicMicros(), start + 1'000'000);
 }
 
