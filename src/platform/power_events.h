@@ -1,0 +1,48 @@
+// PowerEventSource: the host asks whether it may sleep. On Linux logind asks nothing; the plugin
+// takes its inhibitor locks ahead (org.freedesktop.login1 over sd-bus) and watches PrepareForSleep.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace velm {
+
+class EventLoop;
+
+// The host's messages.
+inline constexpr std::uint32_t kPowerCanSystemSleep = 0xe0000270;  // may the system idle-sleep?
+inline constexpr std::uint32_t kPowerSystemWillSleep = 0xe0000280;
+
+enum class PowerAction {
+  kIgnore,            // answer nothing
+  kAllow,             // let it sleep
+  kCancelIdleSleep,   // refuse the idle sleep
+};
+
+struct PowerDecision {
+  PowerAction action = PowerAction::kIgnore;
+  const char* line = nullptr;  // the log line, or null for none
+  bool error = false;          // the line goes to NError
+};
+
+// The decision table: a pure function of the message and the machine's role.
+PowerDecision decidePower(std::uint32_t message, bool isController);
+
+class PowerEventSource {
+ public:
+  virtual ~PowerEventSource() = default;
+  // Attaches to the host's power events on loop; isController is asked at each decision. False
+  // when the host's power service can't be reached (the caller logs it and goes on).
+  virtual bool start(EventLoop& loop, std::function<bool()> isController) = 0;
+  // Asks again whether idle sleep is to be refused (the role may have changed): an idle tick.
+  virtual void reevaluate() = 0;
+};
+
+std::unique_ptr<PowerEventSource> makeLogindPowerEventSource();
+using PowerEventSourceFactory = std::function<std::unique_ptr<PowerEventSource>()>;
+std::unique_ptr<PowerEventSource> makePowerEventSource();
+void setPowerEventSourceFactoryForTest(PowerEventSourceFactory factory);
+
+}  // namespace velm
