@@ -28,8 +28,10 @@ class CapturingReporter : public benchmark::ConsoleReporter {
     for (const Run& r : runs) {
       // "BM_FSMStat/min_time:1.000" -> "BM_FSMStat"
       std::string name = r.benchmark_name();
-      if (!r.error_occurred && r.run_type == Run::RT_Iteration)
+      if (!r.error_occurred && r.run_type == Run::RT_Iteration) {
         nsPerIteration_[name.substr(0, name.find('/'))] = r.GetAdjustedRealTime();
+        cpuNsPerIteration_[name.substr(0, name.find('/'))] = r.GetAdjustedCPUTime();
+      }
     }
     ConsoleReporter::ReportRuns(runs);
   }
@@ -38,9 +40,14 @@ class CapturingReporter : public benchmark::ConsoleReporter {
     auto it = nsPerIteration_.find(name);
     return it == nsPerIteration_.end() ? 0 : it->second;
   }
+  // Mean CPU time per iteration in nanoseconds, 0 when the benchmark did not run.
+  double cpuNs(const std::string& name) const {
+    auto it = cpuNsPerIteration_.find(name);
+    return it == cpuNsPerIteration_.end() ? 0 : it->second;
+  }
 
  private:
-  std::map<std::string, double> nsPerIteration_;
+  std::map<std::string, double> nsPerIteration_, cpuNsPerIteration_;
 };
 
 // The directory of this program, where the stand-ins it starts are built.

@@ -3,6 +3,7 @@
 
 #include "config/config_parser.h"
 #include "core/san_computer.h"
+#include "core/host_events.h"
 #include "core/velm_plugin.h"
 #include "platform/clock.h"
 #include "platform/log.h"
@@ -29,6 +30,7 @@ constexpr std::string_view kCommands[] = {
 const std::map<std::string_view, VelmPlugin::Handler>& handlers() {
   static const std::map<std::string_view, VelmPlugin::Handler> table = {
       {"getStateWithRequest:", &VelmPlugin::getStateWithRequest},
+      {"doIdleWithRequest:", &VelmPlugin::doIdleWithRequest},
       {"getComputerPropertiesWithRequest:", &VelmPlugin::getComputerPropertiesWithRequest},
       {"readSettingsWithRequest:", &VelmPlugin::readSettingsWithRequest},
       {"getLUNsWithRequest:", &VelmPlugin::getLUNsWithRequest},
@@ -77,7 +79,11 @@ VelmPlugin::VelmPlugin() {
   NLog("%s: Starting up plugin, computer UUID = %@", __func__, SANComputer::thisComputer().uuid());
 }
 
-VelmPlugin::~VelmPlugin() { setThisComputerProvider(nullptr); }
+VelmPlugin::~VelmPlugin() {
+  // The event thread ends before anything its callbacks use goes away.
+  events_.reset();
+  setThisComputerProvider(nullptr);
+}
 
 std::span<const std::string_view> VelmPlugin::allDispatchStrings() { return kCommands; }
 

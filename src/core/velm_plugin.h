@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <span>
@@ -13,6 +14,8 @@
 #include "plist/plist.h"
 
 namespace velm {
+
+struct HostEvents;
 
 class VelmPlugin : public PluginRequestHandler {
  public:
@@ -34,6 +37,7 @@ class VelmPlugin : public PluginRequestHandler {
 
   void lockPlugin() { ourLock_.lock(); }
   void unlockPlugin() { ourLock_.unlock(); }
+  std::mutex& pluginLock() { return ourLock_; }
 
   // Handlers.
   std::optional<PropertyList> getStateWithRequest(const PropertyList& request);
@@ -65,6 +69,16 @@ class VelmPlugin : public PluginRequestHandler {
   std::optional<PropertyList> readProgressWithRequest(const PropertyList& request);
   std::optional<PropertyList> runDotCleanWithRequest(const PropertyList& request);
 
+  // Idle ticks and host events.
+  std::optional<PropertyList> doIdleWithRequest(const PropertyList& request);
+  // Count 0 attaches every host event source first. The first non-zero of history sampling and
+  // notifications.
+  int doIdleAtCount(long long count);
+  // Replaces the DNS-SD publication by one of this machine as it is now.
+  void advertiseZeroConfPresense();
+  // The event loop, its sources and the advertiser; made on first use.
+  HostEvents& hostEvents();
+
   // ---- long tasks: one child process per volume, known from its status file ----
   // Stores the description, or with nullptr removes the volume's entry.
   void noteLongTask(const PropertyList* description, std::string_view volume);
@@ -79,11 +93,26 @@ class VelmPlugin : public PluginRequestHandler {
   std::optional<PropertyList> refuse(const char* text);
   std::optional<PropertyList> buildClientHealth();
 
+  void registerForNetworkChangeNotifications();
+  void registerForSearchPolicyChangeNotifications();
+  void registerForPowerEventNotifications();
+  void registerForVolumeEventNotifications();
+  void registerForFileSystemNotifications();
+  void registerForConfigChangeNotifications();
+  void prereadLUNs();
+  // The idle work of history sampling, the fabric monitor and notifications.
+  void startFabricNotifications();
+  void initHistorySystem();
+  int updateHistoryData();
+  int processNotifications();
+
   PropertyList clientHealth_;
   PropertyList longTasks_ = PropertyList::dict();
   // The plugin lock: held for the whole of every handler and event callback; first in the lock
   // order, never taken recursively.
   std::mutex ourLock_;
+  // After the lock: destroyed first, so the event thread ends before the lock goes.
+  std::unique_ptr<HostEvents> events_;
 };
 
 // The notification settings file as a dictionary; nothing (logged) when missing or unreadable.

@@ -57,6 +57,8 @@ class EventLoop {
   void startThread();
   // Ends the thread after its running callback; joins it. Not from a callback.
   void stop();
+  // True while the thread of startThread() runs.
+  bool running() const { return thread_.joinable(); }
   bool onLoopThread() const { return std::this_thread::get_id() == threadId_.load(); }
 
  private:
@@ -66,11 +68,11 @@ class EventLoop {
   };
 
   UniqueFd epoll_;
-  UniqueFd wake_;  // an eventfd
+  UniqueFd wake_;     // an eventfd
   std::mutex mutex_;  // guards the tables below; leaf, never held while a callback runs
   std::uint64_t nextId_ = 1;
   std::map<std::uint64_t, std::shared_ptr<Watch>> watches_;
-  std::multimap<std::uint64_t, std::uint64_t> timersByDue_;  // due -> id
+  std::multimap<std::uint64_t, std::uint64_t> timersByDue_;             // due -> id
   std::map<std::uint64_t, std::pair<std::uint64_t, Callback>> timers_;  // id -> (due, callback)
   std::vector<Callback> posted_;
   std::atomic<bool> stopping_{false};
