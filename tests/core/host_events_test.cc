@@ -8,6 +8,7 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <set>
 #include <thread>
 
 #include "core/san_computer.h"
@@ -228,6 +229,56 @@ TEST_F(HostEventsTest, ARoleChangeReplacesThePublicationAndLateEventsKeepTheNewO
   EXPECT_EQ(fake->stops(), (std::vector<std::uint64_t>{first, second}));
   fake->fireDidNotPublish(fake->live()[0].id, -65540, "bad");
   EXPECT_TRUE(log_.contains("Some unknown netservice error occurred (-65540) (bad)."));
+}
+
+// Each source drops exactly its keys: every key holds a mark, and the ones re-read lost it.
+TEST_F(HostEventsTest, EachSourceDropsExactlyItsKeys) {
+  idle(0);
+  auto marked = [&] {
+    std::scoped_lock lock(plugin_->pluginLock());
+    for (CachedObject* o : {static_cast<CachedObject*>(&SANComputer::thisComputer()),
+                            static_cast<CachedObject*>(&SANFilesystem::localFilesystem())}) {
+      for (const PropertyList& key : o->validKeys())
+        o->setObjectValue(PropertyList("mark"), *key.asString());
+    }
+  };
+  auto dropped = [&] {
+    std::scoped_lock lock(plugin_->pluginLock());
+    std::set<std::string> keys;
+    for (CachedObject* o : {static_cast<CachedObject*>(&SANComputer::thisComputer()),
+                            static_cast<CachedObject*>(&SANFilesystem::localFilesystem())}) {
+      for (const PropertyList& key : o->validKeys()) {
+        const PropertyList* v = o->cachedValueForKey(*key.asString());
+        if (!v || !v->asString() || *v->asString() != "mark") keys.insert(*key.asString());
+      }
+    }
+    return keys;
+  };
+  using Keys = std::set<std::string>;
+
+  marked();
+  sandbox_.write("/etc/hostname", "renamed\n");
+  Keys network = {"networkInterfaces", "availableNetworkInterfaceNames", "multicastDNSName"};
+  EXPECT_TRUE(eventually([&] { return dropped() == network; })) << dropped().size();
+
+  marked();
+  sandbox_.write("/etc/nsswitch.conf", "passwd: files\n");
+  EXPECT_TRUE(eventually([&] { return dropped() == Keys{"searchPolicy"}; }));
+
+  marked();
+  sandbox_.write("/Library/Filesystems/Velm/config/fsnameservers", "127.0.0.2\n");
+  ASSERT_TRUE(eventually([&] { return plugin_->hostEvents().loop.nextTimerDue() != 0; }));
+  EXPECT_EQ(dropped(), Keys{});
+  advance(1'000'000);
+  Keys config = {"uuid",
+                 "nameServers",
+                 "role",
+                 "sanName",
+                 "authSecret",
+                 "serverAssistantRole",
+                 "serverAssistantDSType",
+                 "volumes"};
+  EXPECT_TRUE(eventually([&] { return dropped() == config; }));
 }
 
 TEST(NicsText, JoinsInterfacesAndKeepsTheSemicolonOfASkippedLastEntry) {
