@@ -60,6 +60,18 @@ class VelmPlugin : public PluginRequestHandler {
   std::optional<PropertyList> addVolumesWithRequest(const PropertyList& request);
   std::optional<PropertyList> deleteVolumesWithRequest(const PropertyList& request);
   std::optional<PropertyList> reinitializeVolumesWithRequest(const PropertyList& request);
+  // Quotas.
+  std::optional<PropertyList> getQuotasWithRequest(const PropertyList& request);
+  std::optional<PropertyList> setQuotasWithRequest(const PropertyList& request);
+  std::optional<PropertyList> deleteQuotasWithRequest(const PropertyList& request);
+  // File affinity.
+  std::optional<PropertyList> getAffinityWithRequest(const PropertyList& request);
+  std::optional<PropertyList> setAffinityWithRequest(const PropertyList& request);
+  // Asset notes.
+  std::optional<PropertyList> getNotesWithRequest(const PropertyList& request);
+  std::optional<PropertyList> setNotesWithRequest(const PropertyList& request);
+  std::optional<PropertyList> getAllNotesWithRequest(const PropertyList& request);
+  std::optional<PropertyList> renameNotesWithRequest(const PropertyList& request);
   // Volume reconfiguration and rename.
   std::optional<PropertyList> expandVolumeWithRequest(const PropertyList& request);
   std::optional<PropertyList> changeVolumeSettingsWithRequest(const PropertyList& request);

@@ -54,6 +54,18 @@ class SANFilesystem : public CachedObject {
   const PropertyList& acquireDiskDescriptionTable();
   void releaseDiskDescriptionTable();
 
+  // ---- file affinity ----
+  // The file's affinity, "" for none; nothing when it can't be read (logged).
+  std::optional<std::string> affinityForFileAtPath(const std::string& path);
+  bool setAffinity(std::string_view affinity, const std::string& path);
+  static bool isVelmFileDescriptor(int fd, const std::string& path);
+  // 0 or an errno value.
+  static int callExtapiWithFileDescriptor(int fd, unsigned long command, void* argument);
+  // The key's bytes up to the first zero.
+  static std::string stringForAffinityKey(std::uint64_t key);
+  // All ones for a text of more than 8 characters or one outside ASCII.
+  static std::uint64_t affinityKeyForString(std::string_view text);
+
   // ---- LUN identification ----
   // "<connectionType>:<serialNumber>" of a LUN record (each key also capitalised); "" when either
   // is missing.

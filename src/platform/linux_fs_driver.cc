@@ -59,6 +59,14 @@ class LinuxFsDriver : public FsDriver {
     if (::ioctl(fd.get(), request, arg) != 0) return errno;
     return 0;
   }
+  bool isVelmFile(int fd, const std::string& path) override {
+    std::optional<MountEntry> mount = mountOf(fd, path);
+    return mount && mount->fsType == kFsType;
+  }
+  int fileControl(int fd, unsigned long request, void* arg) override {
+    if (!driverLoaded()) return ENOTSUP;
+    return ::ioctl(fd, request, arg) == 0 ? 0 : errno;
+  }
 };
 
 FsDriver* gOverride = nullptr;

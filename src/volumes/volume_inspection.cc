@@ -65,31 +65,53 @@ PropertyList get_fsmvol_clients(int fsmHandle) {
   return out;
 }
 
-std::optional<PropertyList> get_clients_for_fsmvol_named(int nsHandle, const std::string* name) {
+FsmConnection connect_fsmvol_named(int nsHandle, const std::string* name, const char* caller) {
   QMAdminLock lock(__func__);
-  int index = index_of_fsmvol_named(nsHandle, name);
-  if (index == kNotFoundIndex) {
-    NError("get_clients_for_fsmvol_named(%@): Could not find FS.  Perhaps it just started up?",
-           text(name));
-    return std::nullopt;
+  FsmConnection c;
+  c.index = index_of_fsmvol_named(nsHandle, name);
+  if (c.index == kNotFoundIndex) {
+    c.failure = FsmConnection::kNotFound;
+    return c;
   }
   QMAdminFsmRecord record{};
   char err[ADMIN_ERRBUF_LEN] = {};
-  int status = QMAdmin_NSListFsm(nsHandle, index, &record, err);
-  if (status != 0) {
-    log_qmfs_error(status, __func__);
-    if (status != QMFS_EOF)
-      NError("%s(%@): QMAdmin_NSListFsm(%d) returned %d, error %s", __func__, text(name), index,
-             status, err);
-    return std::nullopt;
+  c.status = QMAdmin_NSListFsm(nsHandle, c.index, &record, err);
+  if (c.status != 0) {
+    log_qmfs_error(c.status, caller);
+    c.failure = FsmConnection::kListFailed;
+    c.error = err;
+    return c;
   }
-  int fsm = QMAdmin_FSMConnect(nsHandle, &record, err);
-  if (fsm < 0) {
-    NError("get_clients_for_fsmvol_named(%@): Could not connect: %s", text(name), err);
-    return std::nullopt;
+  c.handle = QMAdmin_FSMConnect(nsHandle, &record, err);
+  if (c.handle < 0) {
+    c.failure = FsmConnection::kConnectFailed;
+    c.error = err;
   }
-  PropertyList clients = get_fsmvol_clients(fsm);
-  QMAdmin_FSMDisconnect(fsm);
+  return c;
+}
+
+std::optional<PropertyList> get_clients_for_fsmvol_named(int nsHandle, const std::string* name) {
+  QMAdminLock lock(__func__);
+  FsmConnection fsm = connect_fsmvol_named(nsHandle, name, __func__);
+  switch (fsm.failure) {
+    case FsmConnection::kNotFound:
+      NError("get_clients_for_fsmvol_named(%@): Could not find FS.  Perhaps it just started up?",
+             text(name));
+      return std::nullopt;
+    case FsmConnection::kListFailed:
+      if (fsm.status != QMFS_EOF)
+        NError("%s(%@): QMAdmin_NSListFsm(%d) returned %d, error %s", __func__, text(name),
+               fsm.index, fsm.status, fsm.error.c_str());
+      return std::nullopt;
+    case FsmConnection::kConnectFailed:
+      NError("get_clients_for_fsmvol_named(%@): Could not connect: %s", text(name),
+             fsm.error.c_str());
+      return std::nullopt;
+    case FsmConnection::kNone:
+      break;
+  }
+  PropertyList clients = get_fsmvol_clients(fsm.handle);
+  QMAdmin_FSMDisconnect(fsm.handle);
   return clients;
 }
 

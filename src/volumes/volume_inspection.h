@@ -9,6 +9,19 @@
 
 namespace velm {
 
+// A connection to the FSM of a named volume, or why there is none.
+struct FsmConnection {
+  enum Failure { kNone, kNotFound, kListFailed, kConnectFailed };
+  Failure failure = kNone;
+  int handle = -1;
+  int index = 0;      // the volume's place in the port mapper's list
+  int status = 0;     // of a failed list
+  std::string error;  // the admin library's text of a failed list or connect
+};
+// index_of_fsmvol_named, its list entry (a failure goes to log_qmfs_error for caller) and the
+// connection; the caller disconnects. Takes the QMAdmin lock.
+FsmConnection connect_fsmvol_named(int nsHandle, const std::string* name, const char* caller);
+
 // Client dictionaries of an FSM handle; empty also on failure.
 PropertyList get_fsmvol_clients(int fsmHandle);
 // The volume's clients through its FSM; nothing when it can't be found or reached.

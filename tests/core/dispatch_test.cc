@@ -55,7 +55,7 @@ TEST_F(DispatchTest, MalformedCommandsAreRefusedWithoutResponseOrLockFdChange) {
       {command("GETSTATE"), "Command to dispatch is unknown"},
       {command("testPerformance"), "Command to dispatch is unknown"},
       {command("tailFile"), "Does not respond to tailFileWithRequest:"},
-      {command("getQuotas"), "Does not respond to getQuotasWithRequest:"},
+      {command("getHistory"), "Does not respond to getHistoryWithRequest:"},
   };
   for (const Case& c : cases) {
     log_.clear();

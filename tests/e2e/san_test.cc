@@ -227,8 +227,8 @@ TEST_F(TwoControllersOnAnyPortTest, CreateOnBothStartAndDeleteLocallyThenEverywh
   for (Controller* c : {&a_, &b_}) EXPECT_EQ(command(*c, "getVolumes").get("volumes")->size(), 1u);
 }
 
-// The reconfiguration commands as an administrator gives them: velmadmin against the daemon.
-class ReconfigureThroughVelmadminTest : public TwoControllersOnAnyPortTest {
+// Commands as an administrator gives them: velmadmin against each controller's daemon.
+class VelmadminOnTwoControllersTest : public TwoControllersOnAnyPortTest {
  protected:
   // velmadmin --server, the request as a plist file; the answer it printed.
   PropertyList velmadmin(Controller& c, const std::string& name,
@@ -258,7 +258,7 @@ class ReconfigureThroughVelmadminTest : public TwoControllersOnAnyPortTest {
   }
 };
 
-TEST_F(ReconfigureThroughVelmadminTest, ExpandARunningVolumeLeaveItsFailoverAndRenameItStopped) {
+TEST_F(VelmadminOnTwoControllersTest, ExpandARunningVolumeLeaveItsFailoverAndRenameItStopped) {
   test::installSimTools(a_.root);
   a_.root.write(
       "/sim/tools/drupdatefs.plist",
@@ -331,6 +331,52 @@ TEST_F(ReconfigureThroughVelmadminTest, ExpandARunningVolumeLeaveItsFailoverAndR
   EXPECT_EQ(
       text(velmadmin(a_, "readProgress", {{"volumeName", PropertyList("Projects")}}), "error"),
       "Volume does not exist");
+}
+
+TEST_F(VelmadminOnTwoControllersTest, QuotasOnARunningVolumeAndNotes) {
+  ASSERT_EQ(status(setState(a_, "START")), 0);
+  // The quotas live in the active FSM, wherever it runs; either controller reaches it.
+  PropertyList q = PropertyList::dict();
+  q.set("name", "editors");
+  q.set("type", "group");
+  q.set("hardLimit", 1LL << 30);
+  q.set("softLimit", 1LL << 29);
+  q.set("timeLimit", 3600);
+  PropertyList set =
+      velmadmin(a_, "setQuotas", {{"name", PropertyList("Projects")}, {"quotas", PlistArray{q}}});
+  ASSERT_EQ(status(set), 0) << describe(set);
+  PropertyList got = velmadmin(b_, "getQuotas", {{"name", PropertyList("Projects")}});
+  ASSERT_EQ(got.get("quotas")->size(), 1u) << describe(got);
+  const PropertyList& editors = got.get("quotas")->asArray()->front();
+  EXPECT_EQ(text(editors, "_id_"), "group/editors");
+  EXPECT_EQ(editors.get("softLimit")->int64Value(), 1LL << 29);
+  EXPECT_EQ(editors.get("timeLimit")->int64Value(), 3600);
+
+  auto note = [](const char* name, const char* contents) {
+    PropertyList n = PropertyList::dict();
+    n.set("class", "volume");
+    n.set("name", name);
+    n.set("contents", contents);
+    return n;
+  };
+  PropertyList written =
+      velmadmin(a_, "setNotes", {{"notes", PlistArray{note("Projects", "edit bay")}}});
+  EXPECT_EQ(written.get("notes")->size(), 1u) << describe(written);
+  PropertyList move = PropertyList::dict();
+  move.set("class", "volume");
+  move.set("oldName", "Projects");
+  move.set("newName", "Films");
+  EXPECT_EQ(velmadmin(a_, "renameNotes", {{"notes", PlistArray{move}}}).get("notes")->size(), 1u);
+  PropertyList all =
+      velmadmin(a_, "getAllNotes", {{"classes", PlistArray{PropertyList("volume")}}});
+  ASSERT_EQ(all.get("notes")->size(), 1u) << describe(all);
+  EXPECT_EQ(text(all.get("notes")->asArray()->front(), "name"), "Films");
+  EXPECT_EQ(text(all.get("notes")->asArray()->front(), "contents"), "edit bay");
+  velmadmin(a_, "setNotes", {{"notes", PlistArray{note("Films", "")}}});
+  EXPECT_EQ(velmadmin(a_, "getAllNotes", {{"classes", PlistArray{PropertyList("volume")}}})
+                .get("notes")
+                ->size(),
+            0u);
 }
 
 }  // namespace
