@@ -102,20 +102,40 @@ bool SANFilesystem::setAffinity(std::string_view affinity, const std::string& pa
   return true;
 }
 
-std::optional<PropertyList> VelmPlugin::getAffinityWithRequest(const PropertyList& request) {
+namespace {
+
+// The file a request names: the volume's mount point and the path inside it. Each refusal has
+// its own words, asked in the order the commands ask them.
+struct AffinityTarget {
+  std::string file;
+  const char* error = nullptr;
+};
+
+AffinityTarget targetOf(const PropertyList& request, const char* fn, bool forWriting) {
   SANFilesystem& fs = SANFilesystem::localFilesystem();
   const std::string* volume = request.getString("volume");
-  if (!volume) return responseForError("volume required but missing");
+  if (!volume) return {{}, "volume required but missing"};
   std::optional<std::string> mount = fs.pathForVolume(*volume);
-  if (!mount) return responseForError("volume not mounted");
+  if (!mount) return {{}, "volume not mounted"};
+  if (forWriting && fs.volumeMountState(*volume) != 2) return {{}, "volume is mounted read-only"};
   const std::string* path = request.getString("path");
-  if (!path) return responseForError("path required but missing");
+  if (!path) return {{}, "path required but missing"};
+  // Deliberate: a missing affinity reads as a missing path.
+  if (forWriting && !request.getString("affinity")) return {{}, "path required but missing"};
   // The path stays inside the volume: no "..", no NUL, not absolute.
-  if (!checkRelativePath("getAffinity", "the path", *path))
-    return responseForError("File not found");
+  if (!checkRelativePath(fn, "the path", *path)) return {{}, "File not found"};
   std::string full = format("%@/%@", *mount, *path);
-  if (!pathExists(full)) return responseForError("File not found");
-  std::optional<std::string> affinity = fs.affinityForFileAtPath(full);
+  if (!pathExists(full)) return {{}, "File not found"};
+  return {full, nullptr};
+}
+
+}  // namespace
+
+std::optional<PropertyList> VelmPlugin::getAffinityWithRequest(const PropertyList& request) {
+  AffinityTarget target = targetOf(request, "getAffinity", false);
+  if (target.error) return responseForError(target.error);
+  std::optional<std::string> affinity =
+      SANFilesystem::localFilesystem().affinityForFileAtPath(target.file);
   if (!affinity) return responseForError("Error reading affinity");
   PropertyList response = affinityAnswer(request);
   response.set("affinity", *affinity);
@@ -123,22 +143,10 @@ std::optional<PropertyList> VelmPlugin::getAffinityWithRequest(const PropertyLis
 }
 
 std::optional<PropertyList> VelmPlugin::setAffinityWithRequest(const PropertyList& request) {
-  SANFilesystem& fs = SANFilesystem::localFilesystem();
-  const std::string* volume = request.getString("volume");
-  if (!volume) return responseForError("volume required but missing");
-  std::optional<std::string> mount = fs.pathForVolume(*volume);
-  if (!mount) return responseForError("volume not mounted");
-  if (fs.volumeMountState(*volume) != 2) return responseForError("volume is mounted read-only");
-  const std::string* path = request.getString("path");
-  if (!path) return responseForError("path required but missing");
-  const std::string* affinity = request.getString("affinity");
-  // Deliberate: a missing affinity reads as a missing path.
-  if (!affinity) return responseForError("path required but missing");
-  if (!checkRelativePath("setAffinity", "the path", *path))
-    return responseForError("File not found");
-  std::string full = format("%@/%@", *mount, *path);
-  if (!pathExists(full)) return responseForError("File not found");
-  if (!fs.setAffinity(*affinity, full)) return responseForError("Error setting affinity");
+  AffinityTarget target = targetOf(request, "setAffinity", true);
+  if (target.error) return responseForError(target.error);
+  if (!SANFilesystem::localFilesystem().setAffinity(*request.getString("affinity"), target.file))
+    return responseForError("Error setting affinity");
   return affinityAnswer(request);
 }
 

@@ -10,6 +10,7 @@
 #include "platform/fake_fs_driver.h"
 #include "platform/paths.h"
 #include "support/log_capture.h"
+#include "support/plugin_command.h"
 #include "support/sandbox.h"
 
 namespace velm {
@@ -39,13 +40,8 @@ class AffinityTest : public test::SandboxTest {
                        "91 90 8:1 / " + root + "/other rw - ext4 /dev/sdb1 rw\n");
     SANFilesystem::localFilesystem().clearCache();
   }
-  PropertyList run(const char* command, std::vector<std::pair<std::string, PropertyList>> keys) {
-    PropertyList r = PropertyList::dict();
-    r.set("command", command);
-    for (auto& [k, v] : keys) r.set(k, v);
-    std::int32_t fd = -1;
-    std::optional<PropertyList> out = plugin_.doProcessInputWithRequest(r, &context_, &fd);
-    return out ? *out : PropertyList();
+  PropertyList run(const char* command, test::CommandKeys keys) {
+    return test::runCommand(plugin_, context_, command, std::move(keys));
   }
   PropertyList set(const char* path, std::optional<const char*> affinity) {
     std::vector<std::pair<std::string, PropertyList>> keys = {{"volume", PropertyList("Projects")},

@@ -19,6 +19,7 @@
 #include "platform/fake_service_advertiser.h"
 #include "platform/paths.h"
 #include "support/log_capture.h"
+#include "support/plugin_command.h"
 #include "support/sandbox.h"
 
 namespace velm {
@@ -67,14 +68,8 @@ class HostEventsTest : public test::SandboxTest {
     ::unsetenv("VELM_HOST_ADDRESSES");
     resetPathsForTest();
   }
-  PropertyList run(const char* command,
-                   std::vector<std::pair<std::string, PropertyList>> keys = {}) {
-    PropertyList r = PropertyList::dict();
-    r.set("command", command);
-    for (auto& [k, v] : keys) r.set(k, v);
-    std::int32_t fd = -1;
-    std::optional<PropertyList> out = plugin_->doProcessInputWithRequest(r, &context_, &fd);
-    return out ? *out : PropertyList();
+  PropertyList run(const char* command, test::CommandKeys keys = {}) {
+    return test::runCommand(*plugin_, context_, command, std::move(keys));
   }
   long long idle(long long count) {
     PropertyList r = run("doIdle", {{"count", PropertyList(count)}});

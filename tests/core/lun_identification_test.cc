@@ -14,6 +14,7 @@
 #include "gateway/san_filesystem.h"
 #include "platform/clock.h"
 #include "support/log_capture.h"
+#include "support/plugin_command.h"
 #include "support/sandbox.h"
 #include "support/sim_process.h"
 
@@ -64,13 +65,9 @@ class LunIdentificationTest : public test::SandboxTest {
     sandbox_.write("/sim/luns.plist", writeXmlPlist(table));
   }
   PropertyList identify(std::vector<PropertyList> records, bool stop = false) {
-    PropertyList r = PropertyList::dict();
-    r.set("command", "identifyLUNs");
-    r.set("luns", PlistArray(records.begin(), records.end()));
-    r.set("shouldStop", stop);
-    std::int32_t fd = -1;
-    std::optional<PropertyList> out = plugin_.doProcessInputWithRequest(r, &context_, &fd);
-    return out ? *out : PropertyList();
+    return test::runCommand(
+        plugin_, context_, "identifyLUNs",
+        {{"luns", PlistArray(records.begin(), records.end())}, {"shouldStop", PropertyList(stop)}});
   }
   LunIdentification& readers() { return SANFilesystem::localFilesystem().lunIdentification(); }
   void advance(double seconds) { clock_->advanceMicros(static_cast<std::uint64_t>(seconds * 1e6)); }
@@ -143,10 +140,7 @@ TEST_F(LunIdentificationTest, AStopEndsTheReaderAtItsNextCheck) {
 TEST_F(LunIdentificationTest, ADeviceThatCannotBeOpenedRunsOutItsTimeWhileThePluginServes) {
   setLUNs({{"sdq", "FC", "Q"}}, false);
   identify({lun("FC", "Q")});
-  PropertyList state = PropertyList::dict();
-  state.set("command", "getState");
-  std::int32_t fd = -1;
-  EXPECT_TRUE(plugin_.doProcessInputWithRequest(state, &context_, &fd)->get("state"));
+  EXPECT_TRUE(test::runCommand(plugin_, context_, "getState").get("state"));
   // Each period is waited out on the clock, so the mark runs out without the test moving it.
   EXPECT_TRUE(eventually([&] { return readers().runningReaders() == 0; }));
   EXPECT_TRUE(log_.contains("markDoneIdentifyingDevice: Done with sdq"));

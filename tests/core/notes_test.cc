@@ -6,6 +6,7 @@
 #include "core/velm_plugin.h"
 #include "notes/asset_notes.h"
 #include "support/log_capture.h"
+#include "support/plugin_command.h"
 #include "support/sandbox.h"
 
 namespace velm {
@@ -35,12 +36,9 @@ class NotesTest : public test::SandboxTest {
     std::filesystem::create_directories(sandbox_.path("/Library/Filesystems/Velm/config"));
   }
   PropertyList run(const char* command, const char* key, std::vector<PropertyList> items) {
-    PropertyList r = PropertyList::dict();
-    r.set("command", command);
-    r.set(key, PlistArray(items.begin(), items.end()));
-    std::int32_t fd = -1;
-    std::optional<PropertyList> out = plugin_.doProcessInputWithRequest(r, &context_, &fd);
-    return out ? *out->get("notes") : PropertyList();
+    PropertyList r = test::runCommand(plugin_, context_, command,
+                                      {{key, PlistArray(items.begin(), items.end())}});
+    return r.get("notes") ? *r.get("notes") : PropertyList();
   }
   static std::vector<std::string> texts(const PropertyList& notes) {
     std::vector<std::string> out;

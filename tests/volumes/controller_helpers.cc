@@ -13,6 +13,7 @@
 #include "core/san_computer.h"
 #include "gateway/san_filesystem.h"
 #include "platform/paths.h"
+#include "support/plugin_command.h"
 #include "support/ports.h"
 #include "volumes/volume_state.h"
 
@@ -71,12 +72,7 @@ void ControllerTest::TearDown() {
 
 PropertyList ControllerTest::run(std::string_view command,
                                  std::vector<std::pair<std::string, PropertyList>> keys) {
-  PropertyList r = PropertyList::dict();
-  r.set("command", command);
-  for (auto& [k, v] : keys) r.set(k, v);
-  std::int32_t fd = -1;
-  std::optional<PropertyList> out = plugin_.doProcessInputWithRequest(r, &context_, &fd);
-  return out ? *out : PropertyList();
+  return runCommand(plugin_, context_, command, std::move(keys));
 }
 
 void ControllerTest::usePort(int port) {
