@@ -7,6 +7,7 @@
 
 #include "core/san_computer.h"
 #include "core/velm_plugin.h"
+#include "fabric/device_manager.h"
 #include "gateway/san_filesystem.h"
 #include "platform/clock.h"
 #include "platform/log.h"
@@ -54,6 +55,8 @@ std::string nicsText(const PropertyList& interfaces) {
 
 HostEvents::~HostEvents() {
   loop.stop();
+  // The fabric's events and timers are on this loop: they go with it.
+  if (fabricStarted) SANDeviceManager::defaultManager().stopNotifications();
   if (advertiser && netService) advertiser->stop(netService);
 }
 
@@ -117,6 +120,11 @@ int VelmPlugin::doIdleAtCount(long long count) {
   int history = updateHistoryData();
   int notifications = processNotifications();
   return history != 0 ? history : notifications;
+}
+
+void VelmPlugin::startFabricNotifications() {
+  hostEvents().fabricStarted = true;
+  SANDeviceManager::defaultManager().startNotifications(hostEvents().loop);
 }
 
 void VelmPlugin::prereadLUNs() {

@@ -44,6 +44,7 @@ struct HostEvents : ServiceDelegate {
   std::uint64_t netService = 0;  // the current publication; 0 for none
   // The role as last read under the plugin lock, for the power source, which takes no lock.
   std::atomic<bool> controller{false};
+  bool fabricStarted = false;
 };
 
 }  // namespace velm

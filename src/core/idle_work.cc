@@ -1,4 +1,4 @@
-// The idle work that history sampling, the fabric monitor and notifications do at each tick.
+// The idle work that history sampling and notifications do at each tick.
 // Until those subsystems are on this machine, each entry point says so once and does nothing.
 #include <atomic>
 
@@ -12,11 +12,10 @@ void sayOnce(std::atomic<bool>& said, const char* what) {
   if (!said.exchange(true)) NLog("%s: not available in this build", what);
 }
 
-std::atomic<bool> gFabric{false}, gHistoryInit{false}, gHistory{false}, gNotifications{false};
+std::atomic<bool> gHistoryInit{false}, gHistory{false}, gNotifications{false};
 
 }  // namespace
 
-void VelmPlugin::startFabricNotifications() { sayOnce(gFabric, "startNotifications"); }
 void VelmPlugin::initHistorySystem() { sayOnce(gHistoryInit, "initHistorySystem"); }
 
 int VelmPlugin::updateHistoryData() {
