@@ -185,16 +185,28 @@ std::map<std::string, DeviceRegistry::Seen> DeviceRegistry::scan() const {
         n && n->size() == 3
             ? parseSysfsHex(attribute(transport + "/" + name, "node_name").value_or(""))
             : std::nullopt;
-    if (!wwnn) {
-      skipped.push_back("target " + name + ": no target name or node name");
+    if (!n || n->size() != 3) {
+      skipped.push_back("target " + name + ": not a target name");
       continue;
     }
     int h = static_cast<int>((*n)[0]);
-    fcByHct[{h, static_cast<int>((*n)[1]), static_cast<int>((*n)[2])}] = *wwnn;
+    std::tuple<int, int, int> hct{h, static_cast<int>((*n)[1]), static_cast<int>((*n)[2])};
+    if (!wwnn) {
+      skipped.push_back("target " + name + ": no node name");
+      std::scoped_lock lock(knownMutex_);
+      auto known = knownNames_.find(hct);
+      if (known == knownNames_.end()) continue;
+      wwnn = known->second;
+    }
+    fcByHct[hct] = *wwnn;
     Seen& s = node("fc:" + hexText(*wwnn), DeviceNode::kFcTarget);
     s.node->wwnn_ = *wwnn;
     if (s.node->interconnect_.empty() || s.node->interconnect_ != kFibreChannel)
       s.node->interconnect_ = interconnectOf(root, h);
+  }
+  {
+    std::scoped_lock lock(knownMutex_);
+    knownNames_ = fcByHct;
   }
   // Their paths, as a text that changes whenever a path or its state does.
   for (const auto& [wwnn, port] : fcpPorts(root, &skipped)) {

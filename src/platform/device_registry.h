@@ -14,6 +14,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "plist/plist.h"
@@ -104,6 +105,10 @@ class DeviceRegistry {
   void rescan();
   void onTimer();
 
+  // The node name each fc_transport target had at the last scan: an entry that can't be read now
+  // keeps it, so a damaged file never loses a known target.
+  mutable std::mutex knownMutex_;  // leaf
+  mutable std::map<std::tuple<int, int, int>, std::uint64_t> knownNames_;
   mutable std::mutex mutex_;  // guards the members below; leaf, never held during a callback
   std::map<std::string, Seen> present_;
   std::vector<Subscription> subscriptions_;
