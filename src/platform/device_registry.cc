@@ -1,5 +1,6 @@
 #include "platform/device_registry.h"
 
+#include <dirent.h>
 #include <libudev.h>
 #include <sys/epoll.h>
 
@@ -7,6 +8,7 @@
 #include <charconv>
 #include <filesystem>
 #include <set>
+#include <unordered_set>
 
 #include "platform/clock.h"
 #include "platform/event_loop.h"
@@ -28,17 +30,21 @@ std::string_view trimmed(std::string_view s) {
   return s;
 }
 
+// The entry names of a directory (none when it can't be read), in no particular order.
 std::vector<std::string> listing(const std::string& dir) {
   std::vector<std::string> names;
-  std::error_code ec;
-  for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec))
-    names.push_back(it->path().filename().string());
-  std::sort(names.begin(), names.end());
+  if (DIR* d = ::opendir(dir.c_str())) {
+    while (dirent* e = ::readdir(d)) {
+      std::string_view n = e->d_name;
+      if (n != "." && n != "..") names.emplace_back(n);
+    }
+    ::closedir(d);
+  }
   return names;
 }
 
 std::optional<std::string> attribute(const std::string& dir, const char* name) {
-  return readFile(dir + "/" + name);
+  return readSmallFile(dir + "/" + name);
 }
 
 std::string hexText(std::uint64_t v) {
@@ -51,8 +57,15 @@ struct Rport {
   int host = 0, channel = 0;
   std::string state;
   long long targetId = -1;
-  std::string dir;  // the rport's own device directory
+  std::string name;  // rport-H:C-N, under class/fc_remote_ports
 };
+
+// One remote port's changing attributes; false when it isn't an FCP target.
+bool readPort(const std::string& attrs, Rport& r) {
+  r.state = std::string(trimmed(attribute(attrs, "port_state").value_or("")));
+  r.targetId = parseSysfsDecimal(attribute(attrs, "scsi_target_id").value_or("")).value_or(-1);
+  return true;
+}
 
 // Every FCP-target remote port, by the node name of its target.
 std::multimap<std::uint64_t, Rport> fcpPorts(const std::string& root,
@@ -76,15 +89,27 @@ std::multimap<std::uint64_t, Rport> fcpPorts(const std::string& root,
     Rport r;
     r.host = static_cast<int>((*n)[0]);
     r.channel = static_cast<int>((*n)[1]);
-    r.state = std::string(trimmed(attribute(attrs, "port_state").value_or("")));
-    r.targetId = parseSysfsDecimal(attribute(attrs, "scsi_target_id").value_or("")).value_or(-1);
-    std::error_code ec;
-    fs::path real = fs::canonical(attrs, ec);
-    // .../rport-H:C-N/fc_remote_ports/rport-H:C-N: the device directory is two up.
-    if (!ec) r.dir = real.parent_path().parent_path().string();
+    r.name = name;
+    readPort(attrs, r);
     ports.emplace(*wwnn, std::move(r));
   }
   return ports;
+}
+
+// "H:C:T:L" without a heap allocation: a scan meets thousands of them.
+bool parseHctl(std::string_view name, long long out[4]) {
+  const char* p = name.data();
+  const char* end = p + name.size();
+  for (int i = 0; i < 4; ++i) {
+    auto [next, ec] = std::from_chars(p, end, out[i]);
+    if (ec != std::errc() || out[i] < 0 || next == p) return false;
+    p = next;
+    if (i < 3) {
+      if (p == end || *p != ':') return false;
+      ++p;
+    }
+  }
+  return p == end;
 }
 
 std::string interconnectOf(const std::string& root, int host) {
@@ -162,10 +187,17 @@ DeviceRegistry::DeviceRegistry() = default;
 
 DeviceRegistry::~DeviceRegistry() { detach(); }
 
-std::map<std::string, DeviceRegistry::Seen> DeviceRegistry::scan() const {
+std::unordered_map<std::string, DeviceRegistry::Seen> DeviceRegistry::scan() const {
   std::string root = sysfsPath();
   std::vector<std::string> skipped;
-  std::map<std::string, Seen> found;
+  std::unordered_map<std::string, Seen> found;
+  std::map<int, std::string> interconnects;
+  auto interconnect = [&](int host) -> const std::string& {
+    auto it = interconnects.find(host);
+    if (it == interconnects.end())
+      it = interconnects.emplace(host, interconnectOf(root, host)).first;
+    return it->second;
+  };
   auto node = [&](const std::string& id, DeviceNode::Kind kind) -> Seen& {
     Seen& s = found[id];
     if (!s.node) {
@@ -202,37 +234,62 @@ std::map<std::string, DeviceRegistry::Seen> DeviceRegistry::scan() const {
     Seen& s = node("fc:" + hexText(*wwnn), DeviceNode::kFcTarget);
     s.node->wwnn_ = *wwnn;
     if (s.node->interconnect_.empty() || s.node->interconnect_ != kFibreChannel)
-      s.node->interconnect_ = interconnectOf(root, h);
+      s.node->interconnect_ = interconnect(h);
   }
   {
     std::scoped_lock lock(knownMutex_);
     knownNames_ = fcByHct;
   }
   // Their paths, as a text that changes whenever a path or its state does.
-  for (const auto& [wwnn, port] : fcpPorts(root, &skipped)) {
+  std::multimap<std::uint64_t, Rport> ports = fcpPorts(root, &skipped);
+  {
+    std::scoped_lock lock(knownMutex_);
+    portsOf_.clear();
+    for (const auto& [wwnn, port] : ports) portsOf_[wwnn].push_back(port.name);
+  }
+  for (const auto& [wwnn, port] : ports) {
     auto it = found.find("fc:" + hexText(wwnn));
     if (it == found.end()) continue;
     it->second.paths +=
         std::to_string(port.host) + ":" + std::to_string(port.channel) + "=" + port.state + ";";
   }
 
+  // What a unit of each FC target needs: the name, the id prefix and the interconnect.
+  struct FcTarget {
+    std::uint64_t wwnn;
+    std::string unitPrefix;
+    const std::string* interconnect;
+  };
+  std::map<std::tuple<int, int, int>, FcTarget> fcTargets;
+  for (const auto& [hct, wwnn] : fcByHct) {
+    const std::string text = hexText(wwnn);
+    fcTargets[hct] = {wwnn, "fclun:" + text + ":", &found["fc:" + text].node->interconnect_};
+  }
+
   // Logical units, and the targets of other buses.
   std::string devices = root + "/class/scsi_device";
-  for (const std::string& name : listing(devices)) {
-    std::optional<std::vector<long long>> n = parseScsiName(name, "", ":");
-    if (!n || n->size() != 4) {
+  std::unordered_set<std::uint64_t> unitsSeen;
+  std::vector<std::string> entries = listing(devices);
+  unitsSeen.reserve(entries.size());
+  found.reserve(entries.size() / 2 + 64);
+  for (const std::string& name : entries) {
+    long long n[4];
+    if (!parseHctl(name, n)) {
       skipped.push_back("scsi device " + name + ": not H:C:T:L");
       continue;
     }
-    int h = static_cast<int>((*n)[0]), c = static_cast<int>((*n)[1]), t = static_cast<int>((*n)[2]);
-    std::uint64_t lun = static_cast<std::uint64_t>((*n)[3]);
-    auto fc = fcByHct.find({h, c, t});
-    if (fc != fcByHct.end()) {
-      Seen& u =
-          node("fclun:" + hexText(fc->second) + ":" + std::to_string(lun), DeviceNode::kFcUnit);
-      u.node->wwnn_ = fc->second;
+    int h = static_cast<int>(n[0]), c = static_cast<int>(n[1]), t = static_cast<int>(n[2]);
+    std::uint64_t lun = static_cast<std::uint64_t>(n[3]);
+    auto fc = fcTargets.find({h, c, t});
+    if (fc != fcTargets.end()) {
+      // Each unit shows once per path: the later sightings are passed over.
+      if (!unitsSeen.insert(fc->second.wwnn * 1000003u ^ lun).second &&
+          found.count(fc->second.unitPrefix + std::to_string(lun)))
+        continue;
+      Seen& u = node(fc->second.unitPrefix + std::to_string(lun), DeviceNode::kFcUnit);
+      u.node->wwnn_ = fc->second.wwnn;
       u.node->lun_ = lun;
-      u.node->interconnect_ = found["fc:" + hexText(fc->second)].node->interconnect_;
+      u.node->interconnect_ = *fc->second.interconnect;
       continue;
     }
     std::string hct = std::to_string(h) + ":" + std::to_string(c) + ":" + std::to_string(t);
@@ -240,7 +297,7 @@ std::map<std::string, DeviceRegistry::Seen> DeviceRegistry::scan() const {
     target.node->host_ = h;
     target.node->channel_ = c;
     target.node->target_ = t;
-    target.node->interconnect_ = interconnectOf(root, h);
+    target.node->interconnect_ = interconnect(h);
     Seen& u = node("scsilun:" + hct + ":" + std::to_string(lun), DeviceNode::kScsiUnit);
     u.node->host_ = h;
     u.node->channel_ = c;
@@ -262,7 +319,7 @@ std::map<std::string, DeviceRegistry::Seen> DeviceRegistry::scan() const {
 void DeviceRegistry::rescan() {
   // One rescan at a time; another asked meanwhile finds the same tree.
   if (scanning_.exchange(true)) return;
-  std::map<std::string, Seen> now = scan();
+  std::unordered_map<std::string, Seen> now = scan();
   std::vector<DeviceNodeRef> appeared, gone;
   std::vector<DeviceNodeRef> changed;
   std::vector<Subscription> subs;
@@ -281,6 +338,11 @@ void DeviceRegistry::rescan() {
     }
     for (auto& [id, seen] : now)
       if (!present_.count(id)) appeared.push_back(seen.node);
+    if (!appeared.empty() || !gone.empty()) {
+      // Disks come and go with their units: look for them afresh.
+      std::scoped_lock known(knownMutex_);
+      statOf_.clear();
+    }
     present_ = std::move(now);
     for (const DeviceNodeRef& n : gone) interests_.erase(n->id());
     subs = subscriptions_;
@@ -294,6 +356,11 @@ void DeviceRegistry::rescan() {
     for (const Subscription& s : subs)
       if (s.firstMatch == firstMatch && s.className == cls) s.callback(ofClass);
   };
+  // In the order of their ids, whatever order the tables hold them in.
+  auto byId = [](const DeviceNodeRef& a, const DeviceNodeRef& b) { return a->id() < b->id(); };
+  std::sort(appeared.begin(), appeared.end(), byId);
+  std::sort(gone.begin(), gone.end(), byId);
+  std::sort(changed.begin(), changed.end(), byId);
   // Units leave before their targets, and targets come before their units.
   deliver(false, gone, kDevScsiLogicalUnitNub);
   deliver(false, gone, kDevScsiTargetDevice);
@@ -313,13 +380,15 @@ void DeviceRegistry::rescan() {
 
 std::vector<DeviceNodeRef> DeviceRegistry::addFirstMatchNotification(std::string_view className,
                                                                      NodesCallback callback) {
-  std::map<std::string, Seen> now = scan();
+  std::unordered_map<std::string, Seen> now = scan();
   std::scoped_lock lock(mutex_);
   if (present_.empty()) present_ = std::move(now);
   subscriptions_.push_back({std::string(className), true, std::move(callback)});
   std::vector<DeviceNodeRef> nodes;
   for (const auto& [id, seen] : present_)
     if (seen.node->className() == className) nodes.push_back(seen.node);
+  std::sort(nodes.begin(), nodes.end(),
+            [](const DeviceNodeRef& a, const DeviceNodeRef& b) { return a->id() < b->id(); });
   return nodes;
 }
 
@@ -376,6 +445,29 @@ void DeviceRegistry::detach() {
   loop_ = nullptr;
 }
 
+std::optional<std::pair<std::uint64_t, std::uint64_t>> DeviceRegistry::unitStat(
+    const std::string& unitDir) const {
+  std::string statPath;
+  {
+    std::scoped_lock lock(knownMutex_);
+    auto it = statOf_.find(unitDir);
+    if (it != statOf_.end()) statPath = it->second;
+  }
+  std::optional<std::string> text = statPath.empty() ? std::nullopt : readSmallFile(statPath);
+  if (!text) {
+    // Not known yet, or its disk was replaced: look for it.
+    statPath.clear();
+    for (const std::string& disk : listing(unitDir + "/block")) {
+      statPath = unitDir + "/block/" + disk + "/stat";
+      text = readSmallFile(statPath);
+      break;
+    }
+    std::scoped_lock lock(knownMutex_);
+    if (text) statOf_[unitDir] = statPath;
+  }
+  return text ? parseBlockStat(*text) : std::nullopt;
+}
+
 bool DeviceRegistry::conformsTo(const DeviceNode& node, std::string_view className) {
   return node.className() == className;
 }
@@ -400,27 +492,38 @@ std::optional<PropertyList> DeviceRegistry::property(const DeviceNode& node,
     return PropertyList(static_cast<unsigned long long>(node.lun_));
   }
   if (key != kPathStatistics || node.kind() != DeviceNode::kFcTarget) return std::nullopt;
-  std::vector<std::string> skipped;
+  std::vector<std::string> names;
+  {
+    std::scoped_lock lock(knownMutex_);
+    auto it = portsOf_.find(node.wwnn_);
+    if (it != portsOf_.end()) names = it->second;
+  }
+  std::string cls = sysfsPath("class/fc_remote_ports");
   PropertyList paths = PropertyList::array();
-  std::multimap<std::uint64_t, Rport> ports = fcpPorts(sysfsPath(), &skipped);
-  for (auto [it, end] = ports.equal_range(node.wwnn_); it != end; ++it) {
-    const Rport& r = it->second;
+  for (const std::string& name : names) {
+    std::optional<std::vector<long long>> n = parseScsiName(name, "rport-", ":-");
+    Rport r;
+    std::string attrs = cls + "/" + name;
+    // A port gone since the last scan has no path any more.
+    if (!n || n->size() != 3 || !pathExists(attrs)) continue;
+    r.host = static_cast<int>((*n)[0]);
+    r.channel = static_cast<int>((*n)[1]);
+    readPort(attrs, r);
     std::uint64_t read = 0, written = 0;
-    if (r.targetId >= 0 && !r.dir.empty()) {
+    std::error_code ec;
+    fs::path real = r.targetId >= 0 ? fs::canonical(attrs, ec) : fs::path();
+    if (r.targetId >= 0 && !ec) {
       // The disks of this port's own scsi target only, so two paths never count a disk twice.
-      std::string target = r.dir + "/target" + std::to_string(r.host) + ":" +
-                           std::to_string(r.channel) + ":" + std::to_string(r.targetId);
+      // .../rport-H:C-N/fc_remote_ports/rport-H:C-N: the port's device directory is two up.
+      std::string target = real.parent_path().parent_path().string() + "/target" +
+                           std::to_string(r.host) + ":" + std::to_string(r.channel) + ":" +
+                           std::to_string(r.targetId);
       for (const std::string& unitDir : listing(target)) {
         if (!parseScsiName(unitDir, "", ":")) continue;
-        for (const std::string& disk : listing(target + "/" + unitDir + "/block")) {
-          std::optional<std::string> stat =
-              readFile(target + "/" + unitDir + "/block/" + disk + "/stat");
-          std::optional<std::pair<std::uint64_t, std::uint64_t>> s =
-              stat ? parseBlockStat(*stat) : std::nullopt;
-          if (!s) continue;
-          read += s->first * 512;
-          written += s->second * 512;
-        }
+        std::optional<std::pair<std::uint64_t, std::uint64_t>> s = unitStat(target + "/" + unitDir);
+        if (!s) continue;
+        read += s->first * 512;
+        written += s->second * 512;
       }
     }
     PropertyList path = PropertyList::dict();

@@ -15,6 +15,7 @@
 #include <string>
 #include <string_view>
 #include <tuple>
+#include <unordered_map>
 #include <vector>
 
 #include "plist/plist.h"
@@ -101,16 +102,22 @@ class DeviceRegistry {
     bool firstMatch;
     NodesCallback callback;
   };
-  std::map<std::string, Seen> scan() const;
+  std::unordered_map<std::string, Seen> scan() const;
   void rescan();
   void onTimer();
+  // Sectors read and written of the disk of a unit directory H:C:T:L.
+  std::optional<std::pair<std::uint64_t, std::uint64_t>> unitStat(const std::string& unitDir) const;
 
   // The node name each fc_transport target had at the last scan: an entry that can't be read now
   // keeps it, so a damaged file never loses a known target.
   mutable std::mutex knownMutex_;  // leaf
   mutable std::map<std::tuple<int, int, int>, std::uint64_t> knownNames_;
+  // The FCP remote ports of each node name at the last scan, and the stat file of each unit
+  // directory once found: a property read opens only what it needs.
+  mutable std::map<std::uint64_t, std::vector<std::string>> portsOf_;
+  mutable std::map<std::string, std::string> statOf_;
   mutable std::mutex mutex_;  // guards the members below; leaf, never held during a callback
-  std::map<std::string, Seen> present_;
+  std::unordered_map<std::string, Seen> present_;
   std::vector<Subscription> subscriptions_;
   std::multimap<std::string, MessageCallback> interests_;  // node id -> callbacks
   EventLoop* loop_ = nullptr;

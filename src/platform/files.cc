@@ -31,6 +31,22 @@ std::optional<std::string> readFile(const std::string& path) {
   return out;
 }
 
+std::optional<std::string> readSmallFile(const std::string& path) {
+  UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  if (!fd) return std::nullopt;
+  std::string out;
+  char buf[4096];
+  for (;;) {
+    ssize_t n = ::read(fd.get(), buf, sizeof buf);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return std::nullopt;
+    }
+    out.append(buf, static_cast<size_t>(n));
+    if (static_cast<size_t>(n) < sizeof buf) return out;
+  }
+}
+
 namespace {
 int writeAll(int fd, std::string_view data) {
   while (!data.empty()) {
