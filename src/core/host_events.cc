@@ -137,25 +137,38 @@ void VelmPlugin::prereadLUNs() {
 
 void VelmPlugin::registerForNetworkChangeNotifications() {
   HostEvents& events = hostEvents();
+  // Deliberate: attached again, the work runs once more per event.
+  if (!events.network.empty()) {
+    ++events.networkTimes;
+    return;
+  }
   auto watch = std::make_unique<NetworkChangeWatch>();
-  if (!watch->start(events.loop, [this] {
+  if (!watch->start(events.loop, [this, &events] {
         std::scoped_lock lock(ourLock_);
-        invalidate(SANComputer::thisComputer(),
-                   {"networkInterfaces", "availableNetworkInterfaceNames", "multicastDNSName"});
-        advertiseZeroConfPresense();
+        for (int i = 0; i < events.networkTimes; ++i) {
+          invalidate(SANComputer::thisComputer(),
+                     {"networkInterfaces", "availableNetworkInterfaceNames", "multicastDNSName"});
+          advertiseZeroConfPresense();
+        }
       })) {
     NError("HostConfigPrefsManager.startNotifications: HostConfigStoreCreate() failed");
     return;
   }
   events.network.push_back(std::move(watch));
+  events.networkTimes = 1;
 }
 
 void VelmPlugin::registerForSearchPolicyChangeNotifications() {
   HostEvents& events = hostEvents();
+  if (!events.searchPolicy.empty()) {
+    ++events.searchPolicyTimes;
+    return;
+  }
   auto watch = std::make_unique<InotifyWatch>();
-  if (!watch->start(events.loop, [this](const std::vector<std::string>&) {
+  if (!watch->start(events.loop, [this, &events](const std::vector<std::string>&) {
         std::scoped_lock lock(ourLock_);
-        invalidate(SANComputer::thisComputer(), {"searchPolicy"});
+        for (int i = 0; i < events.searchPolicyTimes; ++i)
+          invalidate(SANComputer::thisComputer(), {"searchPolicy"});
       })) {
     NError("HostConfigPrefsManager.startNotifications: HostConfigStoreCreate() failed");
     return;
@@ -169,10 +182,15 @@ void VelmPlugin::registerForSearchPolicyChangeNotifications() {
   }
   NLog("%s: watching %@", __func__, kSearchPolicyKey);
   events.searchPolicy.push_back(std::move(watch));
+  events.searchPolicyTimes = 1;
 }
 
 void VelmPlugin::registerForPowerEventNotifications() {
   HostEvents& events = hostEvents();
+  if (!events.power.empty()) {
+    ++events.powerTimes;
+    return;
+  }
   std::unique_ptr<PowerEventSource> source = makePowerEventSource();
   // The power callback takes no lock: it reads the role as the last idle tick or configuration
   // change saw it, not the cache itself, which only the lock's holder may touch.
@@ -182,31 +200,38 @@ void VelmPlugin::registerForPowerEventNotifications() {
     return;
   }
   events.power.push_back(std::move(source));
+  events.powerTimes = 1;
 }
 
 void VelmPlugin::registerForVolumeEventNotifications() {
   namespace d = disk_description;
   HostEvents& events = hostEvents();
+  if (!events.disks.empty()) {
+    ++events.diskTimes;
+    return;
+  }
   auto kindOf = [](const PropertyList& desc) {
     const std::string* kind = desc.getString(d::kVolumeKind);
     return kind ? std::string_view(*kind) : std::string_view();
   };
-  auto appearedOrGone = [this, kindOf](const PropertyList& desc, bool appeared) {
+  auto appearedOrGone = [this, kindOf, &events](const PropertyList& desc, bool appeared) {
     std::scoped_lock lock(ourLock_);
-    if (kindOf(desc) != kVolumeKind) {
-      if (appeared)
-        NLog("%s: clearing cache due to appearance of: %@", "diskAppeared", desc);
-      else
-        NLog("%s: clearing cache due to disappearance of: %@", "diskDisappeared", desc);
-      SANFilesystem::localFilesystem().clearCache();
-      return;
-    }
-    // A SAN volume coming or going is no change in the visible LUNs.
-    if (const PropertyList* name = desc.get(d::kVolumeName)) {
-      if (appeared)
-        NLog("%s: Volume '%@' Appeared: %@", "diskAppeared", *name, desc);
-      else
-        NLog("%s: Volume '%@' Disappeared", "diskDisappeared", *name);
+    for (int i = 0; i < events.diskTimes; ++i) {
+      if (kindOf(desc) != kVolumeKind) {
+        if (appeared)
+          NLog("%s: clearing cache due to appearance of: %@", "diskAppeared", desc);
+        else
+          NLog("%s: clearing cache due to disappearance of: %@", "diskDisappeared", desc);
+        SANFilesystem::localFilesystem().clearCache();
+        continue;
+      }
+      // A SAN volume coming or going is no change in the visible LUNs.
+      if (const PropertyList* name = desc.get(d::kVolumeName)) {
+        if (appeared)
+          NLog("%s: Volume '%@' Appeared: %@", "diskAppeared", *name, desc);
+        else
+          NLog("%s: Volume '%@' Disappeared", "diskDisappeared", *name);
+      }
     }
   };
   DiskEventWatch::Callbacks callbacks;
@@ -214,23 +239,26 @@ void VelmPlugin::registerForVolumeEventNotifications() {
   callbacks.disappeared = [appearedOrGone](const PropertyList& desc) {
     appearedOrGone(desc, false);
   };
-  callbacks.changed = [this, kindOf](const PropertyList& desc,
-                                     const std::vector<std::string>& keys) {
+  callbacks.changed = [this, kindOf, &events](const PropertyList& desc,
+                                              const std::vector<std::string>& keys) {
     const char* fn = "diskDescriptionChanged";
     std::scoped_lock lock(ourLock_);
-    for (const std::string& key : keys) {
-      if (key != d::kMediaContent) continue;
-      NLog("%s: clearing cache due to content change of: %@", fn, desc);
-      SANFilesystem::localFilesystem().clearCache();
+    for (int i = 0; i < events.diskTimes; ++i) {
+      for (const std::string& key : keys) {
+        if (key != d::kMediaContent) continue;
+        NLog("%s: clearing cache due to content change of: %@", fn, desc);
+        SANFilesystem::localFilesystem().clearCache();
+      }
+      const PropertyList* name = desc.get(d::kVolumeName);
+      if (kindOf(desc) != kVolumeKind || !name) continue;
+      PlistArray changed;
+      for (const std::string& key : keys) changed.emplace_back(key);
+      if (desc.get(d::kVolumePath))
+        NLog("%s: Volume '%@' description changed (%@): %@", fn, *name, PropertyList(changed),
+             desc);
+      else
+        NLog("%s: Volume '%@' was unmounted", fn, *name);
     }
-    const PropertyList* name = desc.get(d::kVolumeName);
-    if (kindOf(desc) != kVolumeKind || !name) return;
-    PlistArray changed;
-    for (const std::string& key : keys) changed.emplace_back(key);
-    if (desc.get(d::kVolumePath))
-      NLog("%s: Volume '%@' description changed (%@): %@", fn, *name, PropertyList(changed), desc);
-    else
-      NLog("%s: Volume '%@' was unmounted", fn, *name);
   };
   auto watch = std::make_unique<DiskEventWatch>();
   if (!watch->start(events.loop, std::move(callbacks))) {
@@ -238,6 +266,7 @@ void VelmPlugin::registerForVolumeEventNotifications() {
     return;
   }
   events.disks.push_back(std::move(watch));
+  events.diskTimes = 1;
 }
 
 void VelmPlugin::registerForFileSystemNotifications() {
@@ -245,18 +274,26 @@ void VelmPlugin::registerForFileSystemNotifications() {
   std::string dir = hostPath("/var/run/velm/notify");
   for (std::string_view name : {kDisksChanged, kSanConfigChanged}) {
     bool disks = name == kDisksChanged;
+    int& times = disks ? events.disksChangedTimes : events.sanConfigChangedTimes;
+    if (times > 0) {
+      ++times;
+      continue;
+    }
     auto watch = std::make_unique<InotifyWatch>();
-    bool started = watch->start(events.loop, [this, disks](const std::vector<std::string>&) {
-      if (disks)
-        NLog("%s: received com.orvane.velm.disksChanged notification",
-             "receiveDisksChangedNotification");
-      else
-        NLog("%s: received com.orvane.velm.sanConfigChanged notification",
-             "receiveSanConfigChangedNotification");
-      std::scoped_lock lock(ourLock_);
-      SANFilesystem::localFilesystem().clearCache();
-      if (!disks) SANComputer::thisComputer().clearCache();
-    });
+    bool started =
+        watch->start(events.loop, [this, disks, &times](const std::vector<std::string>&) {
+          std::scoped_lock lock(ourLock_);
+          for (int i = 0; i < times; ++i) {
+            if (disks)
+              NLog("%s: received com.orvane.velm.disksChanged notification",
+                   "receiveDisksChangedNotification");
+            else
+              NLog("%s: received com.orvane.velm.sanConfigChanged notification",
+                   "receiveSanConfigChangedNotification");
+            SANFilesystem::localFilesystem().clearCache();
+            if (!disks) SANComputer::thisComputer().clearCache();
+          }
+        });
     if (!started || !watch->watchDirectory(dir, {std::string(name)}, true)) {
       unsigned err = static_cast<unsigned>(errno);
       if (disks)
@@ -268,25 +305,33 @@ void VelmPlugin::registerForFileSystemNotifications() {
       continue;
     }
     events.notifications.push_back(std::move(watch));
+    times = 1;
   }
 }
 
 void VelmPlugin::registerForConfigChangeNotifications() {
   HostEvents& events = hostEvents();
+  if (!events.config.empty()) {
+    ++events.configTimes;
+    return;
+  }
   auto watch = std::make_unique<ConfigTreeWatch>();
   // Which path changed doesn't matter.
-  if (!watch->start(events.loop, [this] {
+  if (!watch->start(events.loop, [this, &events] {
         std::scoped_lock lock(ourLock_);
-        invalidate(SANComputer::thisComputer(),
-                   {"uuid", "nameServers", "role", "sanName", "authSecret", "serverAssistantRole",
-                    "serverAssistantDSType"});
-        SANFilesystem::localFilesystem().invalidateObjectValueForKey("volumes");
-        hostEvents().controller = SANComputer::thisComputer().isController();
+        for (int i = 0; i < events.configTimes; ++i) {
+          invalidate(SANComputer::thisComputer(),
+                     {"uuid", "nameServers", "role", "sanName", "authSecret", "serverAssistantRole",
+                      "serverAssistantDSType"});
+          SANFilesystem::localFilesystem().invalidateObjectValueForKey("volumes");
+        }
+        events.controller = SANComputer::thisComputer().isController();
       })) {
     NError("%s: unable to watch the configuration files", __func__);
     return;
   }
   events.config.push_back(std::move(watch));
+  events.configTimes = 1;
 }
 
 void VelmPlugin::advertiseZeroConfPresense() {

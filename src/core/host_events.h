@@ -33,7 +33,11 @@ struct HostEvents : ServiceDelegate {
 
   VelmPlugin& plugin;
   EventLoop loop;
-  // A second doIdle with count 0 registers everything again: the sources pile up, as designed.
+  // How many times each source is attached. A second doIdle with count 0 attaches everything
+  // again, and each event then does its work once per attachment; the host facility itself is
+  // opened once, so repeated starts can't use up the machine's descriptors.
+  int networkTimes = 0, searchPolicyTimes = 0, powerTimes = 0, diskTimes = 0, configTimes = 0;
+  int disksChangedTimes = 0, sanConfigChangedTimes = 0;
   std::vector<std::unique_ptr<NetworkChangeWatch>> network;
   std::vector<std::unique_ptr<InotifyWatch>> searchPolicy;
   std::vector<std::unique_ptr<PowerEventSource>> power;

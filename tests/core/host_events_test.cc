@@ -13,11 +13,14 @@
 
 #include "core/san_computer.h"
 #include "core/velm_plugin.h"
+#include "fabric/device_manager.h"
 #include "gateway/san_filesystem.h"
 #include "platform/clock.h"
 #include "platform/fake_power_events.h"
 #include "platform/fake_service_advertiser.h"
+#include "platform/files.h"
 #include "platform/paths.h"
+#include "platform/volume_events.h"
 #include "support/log_capture.h"
 #include "support/plugin_command.h"
 #include "support/sandbox.h"
@@ -47,11 +50,22 @@ std::map<std::string, std::string> txtOf(const ServiceSpec& spec) {
   return out;
 }
 
+// The sandbox's mounts and no real disk: a disk of the machine the tests run on could come, go or
+// change at any time.
+class SandboxVolumes : public VolumeEventService {
+ public:
+  SandboxVolumes() { setVolumeEventServiceForTest(this); }
+  ~SandboxVolumes() override { setVolumeEventServiceForTest(nullptr); }
+  std::vector<PropertyList> presentDisks() override { return mountedVolumeDescriptions(); }
+};
+
 class HostEventsTest : public test::SandboxTest {
  protected:
   void SetUp() override {
     ::setenv("VELM_PROCFS", sandbox_.path("/proc").c_str(), 1);
     ::setenv("VELM_HOST_ADDRESSES", "127.0.0.2", 1);
+    // No fabric: the machine's own /sys is none of the tests' business.
+    ::setenv("VELM_SYSFS", sandbox_.path("/sys").c_str(), 1);
     resetPathsForTest();
     sandbox_.write("/proc/self/mountinfo", "");
     sandbox_.write(kConfigPlist, configWithRole("UNCONFIGURED"));
@@ -62,10 +76,12 @@ class HostEventsTest : public test::SandboxTest {
   }
   void TearDown() override {
     plugin_.reset();
+    SANDeviceManager::resetForTest();
     SANFilesystem::resetForTest();
     SANComputer::resetForTest();
     ::unsetenv("VELM_PROCFS");
     ::unsetenv("VELM_HOST_ADDRESSES");
+    ::unsetenv("VELM_SYSFS");
     resetPathsForTest();
   }
   PropertyList run(const char* command, test::CommandKeys keys = {}) {
@@ -85,6 +101,10 @@ class HostEventsTest : public test::SandboxTest {
   bool configTimerArmed() {
     return plugin_->hostEvents().loop.nextTimerDue() == clock_->monotonicMicros() + 1'000'000;
   }
+  // The mount table replaced whole, as the kernel's changes at once.
+  void mountTable(const std::string& text) {
+    writeFileAtomically(sandbox_.path("/proc/self/mountinfo"), text);
+  }
   // Moves the fake clock and lets the event thread see it.
   void advance(std::uint64_t micros) {
     clock_->advanceMicros(micros);
@@ -93,6 +113,7 @@ class HostEventsTest : public test::SandboxTest {
 
   test::LogCapture log_;
   ScopedFakeClock clock_;
+  SandboxVolumes volumes_;
   ScopedFakeServiceAdvertiserFactory advertisers_;
   std::optional<ScopedFakePowerEventSources> power_{std::in_place};
   std::unique_ptr<VelmPlugin> plugin_;
@@ -123,9 +144,14 @@ TEST_F(HostEventsTest, CountZeroAttachesEverySourceAndAdvertisesTheMachine) {
   EXPECT_TRUE(log_.contains("Plugin init, self"));
   EXPECT_TRUE(log_.contains("prereadLUNs: Read 0 LUNs at startup"));
 
-  // A second count 0 registers everything again.
+  // A second count 0 attaches everything again: each event does its work twice, through the
+  // same descriptors.
   idle(0);
-  EXPECT_EQ(power_->made(), 2);
+  EXPECT_EQ(power_->made(), 1);
+  sandbox_.write("/var/run/velm/notify/com.orvane.velm.disksChanged", "");
+  const char* line =
+      "receiveDisksChangedNotification: received com.orvane.velm.disksChanged notification";
+  EXPECT_TRUE(eventually([&] { return log_.count(line) == 2; })) << log_.count(line);
 }
 
 TEST_F(HostEventsTest, ABurstOfConfigChangesDropsTheConfigKeysOnceAfterOneSecond) {
@@ -162,14 +188,14 @@ TEST_F(HostEventsTest, DaemonNotificationsClearTheirCaches) {
 
 TEST_F(HostEventsTest, MountsOfSanVolumesKeepTheCacheAndOtherDisksClearIt) {
   idle(0);
-  sandbox_.write("/proc/self/mountinfo", "90 1 0:90 / /Volumes/Projects rw - qufs Projects rw\n");
+  mountTable("90 1 0:90 / /Volumes/Projects rw - qufs Projects rw\n");
   EXPECT_TRUE(
       eventually([&] { return log_.contains("diskAppeared: Volume 'Projects' Appeared"); }));
-  sandbox_.write("/proc/self/mountinfo", "90 1 0:90 / /Volumes/Projects ro - qufs Projects ro\n");
+  mountTable("90 1 0:90 / /Volumes/Projects ro - qufs Projects ro\n");
   EXPECT_TRUE(eventually([&] {
     return log_.contains("diskDescriptionChanged: Volume 'Projects' description changed");
   }));
-  sandbox_.write("/proc/self/mountinfo", "");
+  mountTable("");
   EXPECT_TRUE(
       eventually([&] { return log_.contains("diskDisappeared: Volume 'Projects' Disappeared"); }));
   EXPECT_FALSE(log_.contains("clearing cache"));
@@ -256,16 +282,18 @@ TEST_F(HostEventsTest, EachSourceDropsExactlyItsKeys) {
   using Keys = std::set<std::string>;
 
   marked();
-  sandbox_.write("/etc/hostname", "renamed\n");
+  // Each file replaced whole, so one change is one event.
+  writeFileAtomically(sandbox_.path("/etc/hostname"), "renamed\n");
   Keys network = {"networkInterfaces", "availableNetworkInterfaceNames", "multicastDNSName"};
   EXPECT_TRUE(eventually([&] { return dropped() == network; })) << dropped().size();
 
   marked();
-  sandbox_.write("/etc/nsswitch.conf", "passwd: files\n");
+  writeFileAtomically(sandbox_.path("/etc/nsswitch.conf"), "passwd: files\n");
   EXPECT_TRUE(eventually([&] { return dropped() == Keys{"searchPolicy"}; }));
 
   marked();
-  sandbox_.write("/Library/Filesystems/Velm/config/fsnameservers", "127.0.0.2\n");
+  writeFileAtomically(sandbox_.path("/Library/Filesystems/Velm/config/fsnameservers"),
+                      "127.0.0.2\n");
   ASSERT_TRUE(eventually([&] { return configTimerArmed(); }));
   EXPECT_EQ(dropped(), Keys{});
   advance(1'000'000);

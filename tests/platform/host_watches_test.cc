@@ -9,6 +9,7 @@
 #include <filesystem>
 
 #include "platform/clock.h"
+#include "platform/files.h"
 #include "platform/paths.h"
 #include "support/sandbox.h"
 
@@ -122,11 +123,13 @@ TEST_F(HostWatchesTest, MountsComeChangeAndGo) {
   };
   DiskEventWatch watch;
   ASSERT_TRUE(watch.start(loop_, callbacks));
-  sandbox_.write(mountinfo, "90 1 0:90 / /Volumes/Projects rw - qufs Projects rw\n");
+  writeFileAtomically(sandbox_.path(mountinfo),
+                      "90 1 0:90 / /Volumes/Projects rw - qufs Projects rw\n");
   settle();
-  sandbox_.write(mountinfo, "90 1 0:90 / /Volumes/Projects ro - qufs Projects ro\n");
+  writeFileAtomically(sandbox_.path(mountinfo),
+                      "90 1 0:90 / /Volumes/Projects ro - qufs Projects ro\n");
   settle();
-  sandbox_.write(mountinfo, "");
+  writeFileAtomically(sandbox_.path(mountinfo), "");
   settle();
   EXPECT_EQ(events,
             (std::vector<std::string>{"appeared Projects", "changed Projects VolumeWritable",
