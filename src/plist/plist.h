@@ -120,6 +120,7 @@ class PropertyList {
   PlistArray* asArray() { return std::get_if<PlistArray>(&v_); }
   const std::string* asString() const { return std::get_if<std::string>(&v_); }
   const PlistData* asData() const { return std::get_if<PlistData>(&v_); }
+  PlistData* asData() { return std::get_if<PlistData>(&v_); }
   const PlistInteger* asInteger() const { return std::get_if<PlistInteger>(&v_); }
   std::optional<double> asReal() const;
   std::optional<bool> asBool() const;
