@@ -52,6 +52,8 @@ const std::map<std::string_view, VelmPlugin::Handler>& handlers() {
       {"changeStripeGroupSettingsWithRequest:", &VelmPlugin::changeStripeGroupSettingsWithRequest},
       {"renameVolumeWithRequest:", &VelmPlugin::renameVolumeWithRequest},
       {"getQuotasWithRequest:", &VelmPlugin::getQuotasWithRequest},
+      {"getHistoryInfoWithRequest:", &VelmPlugin::getHistoryInfoWithRequest},
+      {"getHistoryWithRequest:", &VelmPlugin::getHistoryWithRequest},
       {"setQuotasWithRequest:", &VelmPlugin::setQuotasWithRequest},
       {"deleteQuotasWithRequest:", &VelmPlugin::deleteQuotasWithRequest},
       {"getAffinityWithRequest:", &VelmPlugin::getAffinityWithRequest},

@@ -12,11 +12,9 @@ void sayOnce(std::atomic<bool>& said, const char* what) {
   if (!said.exchange(true)) NLog("%s: not available in this build", what);
 }
 
-std::atomic<bool> gHistoryInit{false}, gHistory{false}, gNotifications{false};
+std::atomic<bool> gHistory{false}, gNotifications{false};
 
 }  // namespace
-
-void VelmPlugin::initHistorySystem() { sayOnce(gHistoryInit, "initHistorySystem"); }
 
 int VelmPlugin::updateHistoryData() {
   sayOnce(gHistory, "updateHistoryData");

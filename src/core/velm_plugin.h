@@ -60,6 +60,9 @@ class VelmPlugin : public PluginRequestHandler {
   std::optional<PropertyList> addVolumesWithRequest(const PropertyList& request);
   std::optional<PropertyList> deleteVolumesWithRequest(const PropertyList& request);
   std::optional<PropertyList> reinitializeVolumesWithRequest(const PropertyList& request);
+  // History.
+  std::optional<PropertyList> getHistoryInfoWithRequest(const PropertyList& request);
+  std::optional<PropertyList> getHistoryWithRequest(const PropertyList& request);
   // Quotas.
   std::optional<PropertyList> getQuotasWithRequest(const PropertyList& request);
   std::optional<PropertyList> setQuotasWithRequest(const PropertyList& request);

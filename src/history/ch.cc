@@ -1,8 +1,8 @@
 #include "history/ch.h"
 
 #include <cstdlib>
-#include <initializer_list>
 #include <cstring>
+#include <initializer_list>
 
 #include "adminlib/subr2.h"
 
