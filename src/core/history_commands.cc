@@ -4,6 +4,7 @@
 #include "core/velm_plugin.h"
 #include "gateway/san_filesystem.h"
 #include "history/history_system.h"
+#include "history/sampling.h"
 #include "plist/format.h"
 
 namespace velm {
@@ -32,6 +33,19 @@ void VelmPlugin::initHistorySystem() {
   PropertyList* ctx = context();
   // Outside a request (no context to keep tables in) there is nothing to set up.
   if (ctx && ctx->isDict()) velm::initHistorySystem(ctx, volumeTables());
+}
+
+int VelmPlugin::updateHistoryData() {
+  PropertyList* ctx = context();
+  std::vector<std::string> volumes;
+  bool controller = SANComputer::thisComputer().isController();
+  if (controller) {
+    const PropertyList* list = SANFilesystem::localFilesystem().cachedValueForKey("volumes");
+    if (const PlistArray* all = list ? list->asArray() : nullptr)
+      for (const PropertyList& v : *all)
+        if (const std::string* name = v.getString("Name")) volumes.push_back(*name);
+  }
+  return ctx ? velm::updateHistoryData(ctx, controller, volumes) : 0;
 }
 
 std::optional<PropertyList> VelmPlugin::getHistoryInfoWithRequest(const PropertyList&) {

@@ -1,5 +1,5 @@
-// The idle work that history sampling and notifications do at each tick.
-// Until those subsystems are on this machine, each entry point says so once and does nothing.
+// The idle work that notifications do at each tick.
+// Until notifications are on this machine, the entry point says so once and does nothing.
 #include <atomic>
 
 #include "core/velm_plugin.h"
@@ -12,14 +12,9 @@ void sayOnce(std::atomic<bool>& said, const char* what) {
   if (!said.exchange(true)) NLog("%s: not available in this build", what);
 }
 
-std::atomic<bool> gHistory{false}, gNotifications{false};
+std::atomic<bool> gNotifications{false};
 
 }  // namespace
-
-int VelmPlugin::updateHistoryData() {
-  sayOnce(gHistory, "updateHistoryData");
-  return 0;
-}
 
 int VelmPlugin::processNotifications() {
   sayOnce(gNotifications, "processNotifications");
