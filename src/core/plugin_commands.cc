@@ -1,16 +1,22 @@
 // The commands that belong to the plugin itself: getState, readSettings, testPerformance,
 // getComputerProperties.
+#include <sys/stat.h>
+
+#include <sys/stat.h>
+
 #include <stdexcept>
 
 #include "core/san_computer.h"
-#include "gateway/san_filesystem.h"
 #include "core/velm_plugin.h"
+#include "gateway/san_filesystem.h"
 #include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/log.h"
 #include "platform/paths.h"
 #include "platform/string_additions.h"
 #include "plist/key_list.h"
+#include "volumes/volume_inspection.h"
+#include "volumes/volume_state.h"
 
 namespace velm {
 
@@ -32,16 +38,18 @@ std::optional<PropertyList> VelmPlugin::readSettingsWithRequest(const PropertyLi
     std::optional<std::string> servers = readFile(configPath("fsnameservers"));
     // Deliberate: a missing fsnameservers beside a readable config.plist is not guarded; the
     // request fails (the dispatcher logs it and answers nothing).
-    if (!servers) throw std::runtime_error("readSettings: no fsnameservers to store under nameservers");
+    if (!servers)
+      throw std::runtime_error("readSettings: no fsnameservers to store under nameservers");
     PropertyList lines = PropertyList::array();
     for (std::string& line : splitLinesDroppingLastEmpty(*servers)) lines.push(std::move(line));
     configuration->set("nameservers", std::move(lines));
   }
   std::optional<PropertyList> notifications = getNotificationDictionary();
   PropertyList setting = PropertyList::dict();
-  return dictionaryWithValuesAndKeys({{&setting, "setting"},
-                                      {configuration ? &*configuration : nullptr, "configuration"},
-                                      {notifications ? &*notifications : nullptr, "notifications"}});
+  return dictionaryWithValuesAndKeys(
+      {{&setting, "setting"},
+       {configuration ? &*configuration : nullptr, "configuration"},
+       {notifications ? &*notifications : nullptr, "notifications"}});
 }
 
 std::optional<PropertyList> VelmPlugin::testPerformanceWithRequest(const PropertyList& request) {
@@ -77,17 +85,81 @@ std::optional<PropertyList> VelmPlugin::testPerformanceWithRequest(const Propert
   return out;
 }
 
-std::optional<PropertyList> VelmPlugin::buildClientHealth() {
-  // The health record always asks for the role, and that read is what raises the computer's
-  // dirty flag again after a clearCache; without it the next properties() answers the emptied
-  // cache. Keep the read while the record itself is still missing.
-  SANComputer::thisComputer().isController();
-  // Client health arrives with history sampling; until then there is none, and the response's
-  // key list stops before it.
-  return std::nullopt;
+int VelmPlugin::testConfigFile(const std::string& path) {
+  const char* fn = "testConfigFile";
+  struct stat st {};
+  if (::stat(path.c_str(), &st) != 0) {
+    // A machine without automounted volumes has no such file.
+    if (path.ends_with("/automount.plist")) return 1;
+    NError("%s: Trouble with stat of '%s'", fn, path.c_str());
+    return 0;
+  }
+  PropertyList* ctx = context();
+  std::string key = "configStatus_" + path;
+  const PropertyList* cached = ctx ? ctx->get(key) : nullptr;
+  auto number = [&](const char* k) -> std::optional<long long> {
+    const PropertyList* v = cached ? cached->get(k) : nullptr;
+    return v && v->isNumber() ? v->int64Value() : std::nullopt;
+  };
+  if (!cached) {
+    NLog("%s: No cache info found for '%@'", fn, path);
+  } else if (number("MTime") == static_cast<long long>(st.st_mtime) &&
+             number("size") == static_cast<long long>(st.st_size)) {
+    // Deliberate: a file changed within the same second at the same size keeps its result.
+    NLog("%s: Found cache info for '%@'", fn, path);
+    return static_cast<int>(number("result").value_or(0));
+  }
+  PlistReadResult read = readXmlPlistFile(path);
+  int result = read && read.value->isDict() ? 1 : 0;
+  if (ctx && ctx->isDict()) {
+    // A cache: it doesn't make the context dirty.
+    PropertyList entry = PropertyList::dict();
+    entry.set("result", result);
+    entry.set("MTime", static_cast<long long>(st.st_mtime));
+    entry.set("size", static_cast<long long>(st.st_size));
+    ctx->set(key, std::move(entry));
+  }
+  return result;
 }
 
-std::optional<PropertyList> VelmPlugin::getComputerPropertiesWithRequest(const PropertyList& request) {
+std::optional<PropertyList> VelmPlugin::buildClientHealth() {
+  PropertyList health = PropertyList::dict();
+  SANFilesystem& fs = SANFilesystem::localFilesystem();
+  health.set("fsmpmRunning", fs.isFsmpmRunning());
+  for (const char* file : {"automount.plist", "config.plist", "notifications.plist"})
+    health.set(std::string("configParsable_") + file, testConfigFile(configPath(file)) != 0);
+  if (!SANComputer::thisComputer().isController()) return health;
+  PropertyList* ctx = context();
+  const PropertyList* volumes = fs.cachedValueForKey("volumes");
+  PlistArray list = volumes && volumes->asArray() ? *volumes->asArray() : PlistArray{};
+  for (const PropertyList& volume : list) {
+    const std::string* name = volume.getString("Name");
+    if (!name) continue;
+    const PropertyList* store = ctx ? ctx->get("FSMStore_" + *name) : nullptr;
+    const PropertyList* running = store && store->isDict() ? store->get("proc_running") : nullptr;
+    bool on;
+    if (running) {
+      on = running->boolValue();
+    } else {
+      // No sample yet (a start, a new volume): ask the port mapper.
+      long long pid = -1;
+      int handle = open_fs_connection();
+      if (handle >= 0) {
+        std::optional<PropertyList> fsm = get_local_fsmvol_named(handle, name);
+        const PropertyList* stats = fsm ? fsm->get("VolumeStats") : nullptr;
+        const PropertyList* id = stats && stats->isDict() ? stats->get("ProcessID") : nullptr;
+        if (id && id->isNumber()) pid = id->int64Value().value_or(-1);
+        close_fs_connection(handle);
+      }
+      on = pid != -1;
+    }
+    health.set("fsmRunning_" + *name, on);
+  }
+  return health;
+}
+
+std::optional<PropertyList> VelmPlugin::getComputerPropertiesWithRequest(
+    const PropertyList& request) {
   SANComputer& computer = SANComputer::thisComputer();
   const PropertyList* clear = request.get("clearCache");
   if (clear && clear->boolValue()) {

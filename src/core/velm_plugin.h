@@ -107,6 +107,8 @@ class VelmPlugin : public PluginRequestHandler {
  private:
   std::optional<PropertyList> refuse(const char* text);
   std::optional<PropertyList> buildClientHealth();
+  // 1 when the file reads as a property-list dictionary; cached in the context by time and size.
+  int testConfigFile(const std::string& path);
 
   void registerForNetworkChangeNotifications();
   void registerForSearchPolicyChangeNotifications();

@@ -1,6 +1,8 @@
 // getHistoryInfo and getHistory through the plugin, with the tables in the request's context.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include "adminhost/history_store.h"
 #include "core/san_computer.h"
@@ -69,6 +71,35 @@ TEST_F(HistoryCommandsTest, TheMachinesRowsWithTheirDescriptor) {
   }
   PropertyList info = test::runCommand(plugin_, context_, "getHistoryInfo");
   ASSERT_EQ(info.get("historyInfo")->size(), 1u);  // not a controller: the machine only
+}
+
+}  // namespace
+}  // namespace velm
+
+namespace velm {
+namespace {
+
+TEST_F(HistoryCommandsTest, ConfigFilesAreParsedOnceForATimeAndSize) {
+  std::string path = sandbox_.write("/Library/Filesystems/Velm/config/notifications.plist",
+                                    "<plist version=\"1.0\"><dict/></plist>\n");
+  auto parsable = [&] {
+    PropertyList r = test::runCommand(plugin_, context_, "getComputerProperties");
+    return r.get("clientHealth")->get("configParsable_notifications.plist")->boolValue();
+  };
+  EXPECT_TRUE(parsable());
+  EXPECT_TRUE(context_.get("configStatus_" + path));
+  EXPECT_FALSE(context_.get("contextDirty"));
+  // Garbled at the same size within the same second: the cached answer stands.
+  struct stat st {};
+  ::stat(path.c_str(), &st);
+  std::string garbled(static_cast<std::size_t>(st.st_size), '#');
+  sandbox_.write("/Library/Filesystems/Velm/config/notifications.plist", garbled);
+  struct timespec times[2] = {st.st_atim, st.st_mtim};
+  ::utimensat(AT_FDCWD, path.c_str(), times, 0);
+  EXPECT_TRUE(parsable());
+  // A different size is read again.
+  sandbox_.write("/Library/Filesystems/Velm/config/notifications.plist", garbled + "#");
+  EXPECT_FALSE(parsable());
 }
 
 }  // namespace

@@ -269,7 +269,12 @@ TEST_F(SANComputerTest, GetComputerPropertiesClearsOrAnswersProperties) {
   EXPECT_TRUE(props->get("uuid"));
   EXPECT_EQ(*props->getString("role"), "UNCONFIGURED");
   EXPECT_FALSE(r->get("visibleLUNs"));
-  EXPECT_FALSE(r->get("clientHealth"));
+  // Nothing on disk here: no automount.plist is in order, no notifications.plist isn't.
+  const PropertyList* health = r->get("clientHealth");
+  ASSERT_TRUE(health);
+  EXPECT_FALSE(health->get("fsmpmRunning")->boolValue());
+  EXPECT_TRUE(health->get("configParsable_automount.plist")->boolValue());
+  EXPECT_FALSE(health->get("configParsable_notifications.plist")->boolValue());
 }
 
 TEST_F(SANComputerTest, GetComputerPropertiesAfterAClearingRequestAnswersAFreshPicture) {
