@@ -61,28 +61,32 @@ std::string upper(std::string s) {
   return s;
 }
 
-struct CpuTicks {
-  std::uint32_t user = 0, system = 0, idle = 0, nice = 0;
-};
-
-// The online processors' tick counters from /proc/stat, low 32 bits each; nothing when the
-// file can't be read.
+// The online processors' tick counters from /proc/stat; nothing when the file can't be read.
 std::optional<std::vector<CpuTicks>> readCpuTicks() {
   std::optional<std::string> text = readFile(procfsPath("stat"));
   if (!text) return std::nullopt;
+  return parseCpuTicks(*text);
+}
+
+}  // namespace
+
+std::vector<CpuTicks> parseCpuTicks(std::string_view text) {
   std::vector<CpuTicks> cpus;
-  std::istringstream in(*text);
+  std::istringstream in{std::string(text)};
   for (std::string line; std::getline(in, line);) {
     // "cpu0 ..." lines only; "cpu " is the total.
     if (line.size() < 4 || line.compare(0, 3, "cpu") != 0 || line[3] < '0' || line[3] > '9')
       continue;
-    std::istringstream words(line.substr(line.find(' ')));
+    std::size_t blank = line.find(' ');
+    if (blank == std::string::npos) continue;
+    std::istringstream words(line.substr(blank));
     std::uint64_t f[7] = {};
     int n = 0;
     while (n < 7 && words >> f[n]) ++n;
     if (n < 4) continue;
     CpuTicks t;
-    // system = system + irq + softirq, idle = idle + iowait; wrapping as 32-bit counters do.
+    // Low 32 bits, wrapping as the design's counters do: system = system + irq + softirq,
+    // idle = idle + iowait.
     t.user = static_cast<std::uint32_t>(f[0]);
     t.nice = static_cast<std::uint32_t>(f[1]);
     t.system = static_cast<std::uint32_t>(f[2] + f[5] + f[6]);
@@ -91,8 +95,6 @@ std::optional<std::vector<CpuTicks>> readCpuTicks() {
   }
   return cpus;
 }
-
-}  // namespace
 
 void get_cpu_usage(std::optional<std::uint64_t>* usage, PropertyList* perProcessor,
                    PropertyList* context) {

@@ -4,7 +4,9 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "plist/plist.h"
@@ -13,6 +15,13 @@ namespace velm {
 
 // A sampler that read under 15.0 s ago answers with the context's cached entries.
 inline constexpr double kSampleSeconds = 15.0;
+
+// A processor's tick counters, low 32 bits each.
+struct CpuTicks {
+  std::uint32_t user = 0, system = 0, idle = 0, nice = 0;
+};
+// The "cpuN" lines of /proc/stat (the online processors); other lines are passed over.
+std::vector<CpuTicks> parseCpuTicks(std::string_view text);
 
 // cpuUsage (hundredths of a percent, 0 to 10000) and cpuUsagesArray; nothing when the counters
 // can't be read.
