@@ -148,7 +148,8 @@ TEST_F(HostEventsTest, CountZeroAttachesEverySourceAndAdvertisesTheMachine) {
   // same descriptors.
   idle(0);
   EXPECT_EQ(power_->made(), 1);
-  sandbox_.write("/var/run/velm/notify/com.orvane.velm.disksChanged", "");
+  // One post, one event: the file replaced whole.
+  writeFileAtomically(sandbox_.path("/var/run/velm/notify/com.orvane.velm.disksChanged"), "");
   const char* line =
       "receiveDisksChangedNotification: received com.orvane.velm.disksChanged notification";
   EXPECT_TRUE(eventually([&] { return log_.count(line) == 2; })) << log_.count(line);
