@@ -40,7 +40,8 @@ constexpr const char* kPlistType = "application/x-plist";
 std::string executableDirectory() {
   char resolved[PATH_MAX];
   const char* exec = reinterpret_cast<const char*>(::getauxval(AT_EXECFN));
-  if (exec && ::realpath(exec, resolved)) return std::filesystem::path(resolved).parent_path().string();
+  if (exec && ::realpath(exec, resolved))
+    return std::filesystem::path(resolved).parent_path().string();
   std::error_code ec;
   std::filesystem::path self = std::filesystem::read_symlink(procfsPath("self/exe"), ec);
   return ec ? std::string(".") : self.parent_path().string();
@@ -67,7 +68,8 @@ std::string AdminHost::pluginsDirectory() const {
   if (!options_.pluginsDir.empty()) return options_.pluginsDir;
   // In the build tree the plugin sits in lib/ beside bin/; installed, in lib/adminhost.
   std::string exeDir = executableDirectory();
-  for (std::string dir : {exeDir + "/../lib", exeDir + "/../lib/adminhost", std::string(VELM_INSTALL_PLUGIN_DIR)})
+  for (std::string dir :
+       {exeDir + "/../lib", exeDir + "/../lib/adminhost", std::string(VELM_INSTALL_PLUGIN_DIR)})
     if (holdsPlugins(dir)) return std::filesystem::path(dir).lexically_normal().string();
   return VELM_INSTALL_PLUGIN_DIR;
 }
@@ -78,13 +80,14 @@ void AdminHost::tick(std::uint64_t count) {
   request.set("count", static_cast<long long>(count));
   for (const auto& plugin : plugins_) {
     std::uint64_t started = clock().monotonicMicros();
-    PluginCall call = plugin->call(request);
+    PluginCall call = plugin->call(request, true);
     std::uint64_t micros = clock().monotonicMicros() - started;
     if (call.outcome == PluginCall::Outcome::NoResponse)
       HostLog("plugin %s gave no response to doIdle at count %llu", plugin->name(),
               static_cast<unsigned long long>(count));
     else
-      HostTrace("idle %s doIdle count %llu %s %lluus", plugin->name(), static_cast<unsigned long long>(count),
+      HostTrace("idle %s doIdle count %llu %s %lluus", plugin->name(),
+                static_cast<unsigned long long>(count),
                 call.outcome == PluginCall::Outcome::Answered ? "answered" : "failed",
                 static_cast<unsigned long long>(micros));
   }
@@ -110,13 +113,16 @@ int AdminHost::run() {
   AdminToken token = loadOrCreateAdminToken(tokenPath);
   if (token.status != 0) {
     HostLog("no usable token in %s: %s", tokenPath,
-            token.status == EINVAL ? "malformed (want at least 32 printable characters)" : std::strerror(token.status));
+            token.status == EINVAL ? "malformed (want at least 32 printable characters)"
+                                   : std::strerror(token.status));
     return 1;
   }
   if (token.created) HostLog("made a new admin token in %s", tokenPath);
 
   std::string pluginsDir = pluginsDirectory();
   plugins_ = loadPluginsFromDirectory(pluginsDir);
+  for (const auto& plugin : plugins_)
+    plugin->setContextSaveInterval(options_.contextSaveIntervalMicros);
   if (plugins_.empty()) HostLog("no plugins in %s; every command will get 404", pluginsDir);
   std::map<std::string, HostedPlugin*, std::less<>> byName;
   for (const auto& p : plugins_) byName.emplace(p->name(), p.get());
@@ -124,7 +130,8 @@ int AdminHost::run() {
 
   bool tls = !options_.tlsCert.empty();
   if (tls) {
-    server_ = std::make_unique<httplib::SSLServer>(options_.tlsCert.c_str(), options_.tlsKey.c_str());
+    server_ =
+        std::make_unique<httplib::SSLServer>(options_.tlsCert.c_str(), options_.tlsKey.c_str());
   } else {
     server_ = std::make_unique<httplib::Server>();
   }
@@ -140,51 +147,57 @@ int AdminHost::run() {
   server.set_payload_max_length(options_.maxBodyBytes);
   size_t threads = options_.threads;
   server.new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
-  server.set_exception_handler([](const httplib::Request&, httplib::Response& res, std::exception_ptr) {
-    res.status = 500;
-    res.body.clear();
-  });
+  server.set_exception_handler(
+      [](const httplib::Request&, httplib::Response& res, std::exception_ptr) {
+        res.status = 500;
+        res.body.clear();
+      });
   // A caller without the token is turned away before its body is read, and its connection
   // closed, so that it can neither make us read megabytes nor hold a pool thread.
   const std::string& expectedToken = token.token;
-  server.set_pre_routing_handler([&expectedToken](const httplib::Request& req, httplib::Response& res) {
-    if (bearerTokenMatches(req.get_header_value("Authorization"), expectedToken))
-      return httplib::Server::HandlerResponse::Unhandled;
-    res.status = 401;
-    res.set_header("Connection", "close");
-    HostLog("%s %s - 401 refused: no valid bearer token", req.method, req.path);
-    return httplib::Server::HandlerResponse::Handled;
-  });
+  server.set_pre_routing_handler(
+      [&expectedToken](const httplib::Request& req, httplib::Response& res) {
+        if (bearerTokenMatches(req.get_header_value("Authorization"), expectedToken))
+          return httplib::Server::HandlerResponse::Unhandled;
+        res.status = 401;
+        res.set_header("Connection", "close");
+        HostLog("%s %s - 401 refused: no valid bearer token", req.method, req.path);
+        return httplib::Server::HandlerResponse::Handled;
+      });
   size_t maxBody = options_.maxBodyBytes;
-  server.Post(R"(/commands/([^/]+))", [&router, maxBody](const httplib::Request& req, httplib::Response& res,
-                                                         const httplib::ContentReader& reader) {
-    std::uint64_t started = clock().monotonicMicros();
-    // The body is always read to its end, also when it is refused, so the next request on a
-    // keep-alive connection starts where it should; past the limit it is dropped as it comes.
-    std::string body;
-    bool tooLarge = false;
-    bool complete = reader([&](const char* data, size_t length) {
-      if (!tooLarge && length <= maxBody - body.size()) {
-        body.append(data, length);
-      } else if (!tooLarge) {
-        tooLarge = true;
-        std::string().swap(body);
-      }
-      return true;
-    });
-    // The library skips a body whose Content-Length is over the limit itself and says 413.
-    if (!complete && res.status == 413) tooLarge = true;
-    CommandAnswer answer;
-    if (!complete && !tooLarge) {
-      answer.status = 400;
-    } else {
-      answer = router.handle(req.matches[1].str(), req.get_header_value("Authorization"), body, tooLarge);
-    }
-    res.status = answer.status;
-    if (answer.status == 200) res.set_content(std::move(answer.body), kPlistType);
-    HostLog("%s %s %s %d %lluus", req.method, req.path, answer.command, answer.status,
-              static_cast<unsigned long long>(clock().monotonicMicros() - started));
-  });
+  server.Post(R"(/commands/([^/]+))",
+              [&router, maxBody](const httplib::Request& req, httplib::Response& res,
+                                 const httplib::ContentReader& reader) {
+                std::uint64_t started = clock().monotonicMicros();
+                // The body is always read to its end, also when it is refused, so the next request
+                // on a keep-alive connection starts where it should; past the limit it is dropped
+                // as it comes.
+                std::string body;
+                bool tooLarge = false;
+                bool complete = reader([&](const char* data, size_t length) {
+                  if (!tooLarge && length <= maxBody - body.size()) {
+                    body.append(data, length);
+                  } else if (!tooLarge) {
+                    tooLarge = true;
+                    std::string().swap(body);
+                  }
+                  return true;
+                });
+                // The library skips a body whose Content-Length is over the limit itself and says
+                // 413.
+                if (!complete && res.status == 413) tooLarge = true;
+                CommandAnswer answer;
+                if (!complete && !tooLarge) {
+                  answer.status = 400;
+                } else {
+                  answer = router.handle(req.matches[1].str(),
+                                         req.get_header_value("Authorization"), body, tooLarge);
+                }
+                res.status = answer.status;
+                if (answer.status == 200) res.set_content(std::move(answer.body), kPlistType);
+                HostLog("%s %s %s %d %lluus", req.method, req.path, answer.command, answer.status,
+                        static_cast<unsigned long long>(clock().monotonicMicros() - started));
+              });
 
   int port = options_.listenPort;
   if (port == 0) {
@@ -196,14 +209,16 @@ int AdminHost::run() {
     HostLog("cannot listen on %s:%d", options_.listenHost, options_.listenPort);
     return 1;
   }
-  std::string url = std::string(tls ? "https://" : "http://") + urlHost(options_.listenHost) + ":" + std::to_string(port);
+  std::string url = std::string(tls ? "https://" : "http://") + urlHost(options_.listenHost) + ":" +
+                    std::to_string(port);
   HostLog("listening on %s with %zu plugin(s) from %s", url, plugins_.size(), pluginsDir);
   std::printf("adminhostd: listening on %s\n", url.c_str());
   std::fflush(stdout);
 
   std::unique_ptr<IdleTicker> ticker;
   if (options_.idleIntervalMicros > 0 && !plugins_.empty()) {
-    ticker = std::make_unique<IdleTicker>(options_.idleIntervalMicros, [this](std::uint64_t c) { tick(c); });
+    ticker = std::make_unique<IdleTicker>(options_.idleIntervalMicros,
+                                          [this](std::uint64_t c) { tick(c); });
   }
   bool serve = false;
   {

@@ -11,7 +11,8 @@ namespace velm {
 
 const char kHostUsage[] =
     "usage: adminhostd [--root DIR] [--listen HOST:PORT] [--plugins DIR]\n"
-    "                  [--idle-interval SECONDS] [--tls-cert FILE --tls-key FILE]\n"
+    "                  [--idle-interval SECONDS] [--context-save-interval SECONDS]\n"
+    "                  [--tls-cert FILE --tls-key FILE]\n"
     "                  [--max-body BYTES] [--threads N]\n"
     "\n"
     "Loads every adminhost_<name>.so in the plugins directory (default: ../lib beside this\n"
@@ -19,7 +20,8 @@ const char kHostUsage[] =
     "dictionary: 200 and the XML plist response, 400 and an empty body when the plugin gives no\n"
     "response, 401 without 'Authorization: Bearer <token>' (token in\n"
     "$VELM_ROOT/var/adminhostd/admin.token, made at first start), 404 for an unknown plugin,\n"
-    "413 for a body over --max-body (default 16 MiB), 415 for a body that is not a plist dictionary.\n"
+    "413 for a body over --max-body (default 16 MiB), 415 for a body that is not a plist "
+    "dictionary.\n"
     "\n"
     "  --root DIR              sandbox root: sets VELM_ROOT for this process and its plugins\n"
     "  --listen HOST:PORT      default 127.0.0.1:3110; port 0 takes a free port. An address other\n"
@@ -27,11 +29,14 @@ const char kHostUsage[] =
     "  --plugins DIR           where the plugins are\n"
     "  --idle-interval SECS    doIdle with count 0, 1, 2, ... every SECS (default 60, fractions\n"
     "                          allowed); the first right after start. 0: no idle ticks\n"
+    "  --context-save-interval SECS  changes made by idle ticks alone (history rows) are saved\n"
+    "                          at most this often (default 300); a command's change at once\n"
     "  --tls-cert F --tls-key F  serve HTTPS with this PEM certificate (chain) and key\n"
     "  --max-body BYTES        the largest request body (default 16777216)\n"
     "  --threads N             request threads (default 16); each keep-alive connection holds one\n"
     "\n"
-    "Prints 'adminhostd: listening on URL' on stdout once it accepts requests. Plugin contexts are\n"
+    "Prints 'adminhostd: listening on URL' on stdout once it accepts requests. Plugin contexts "
+    "are\n"
     "kept in $VELM_ROOT/var/adminhostd/context/<name>.plist. SIGTERM, SIGINT or SIGHUP: finish\n"
     "running requests, save every context, exit 0. Requests are logged when\n"
     "$VELM_ROOT/var/adminhostd/enable_velm_logging exists (syslog, or VELM_LOG=stderr|FILE).\n";
@@ -119,8 +124,9 @@ HostOptionsResult parseHostOptions(const std::vector<std::string>& args) {
       o.help = true;
       continue;
     }
-    static const char* const kWithValue[] = {"--root",     "--listen",   "--plugins", "--idle-interval",
-                                             "--tls-cert", "--tls-key",  "--max-body", "--threads"};
+    static const char* const kWithValue[] = {
+        "--root",     "--listen",  "--plugins",  "--idle-interval", "--context-save-interval",
+        "--tls-cert", "--tls-key", "--max-body", "--threads"};
     bool known = false;
     for (const char* k : kWithValue) known = known || name == k;
     if (!known) return usage("unknown option " + args[i]);
@@ -140,6 +146,9 @@ HostOptionsResult parseHostOptions(const std::vector<std::string>& args) {
     } else if (name == "--idle-interval") {
       if (!parseSeconds(value, &o.idleIntervalMicros))
         return usage("--idle-interval wants a number of seconds, not " + value);
+    } else if (name == "--context-save-interval") {
+      if (!parseSeconds(value, &o.contextSaveIntervalMicros))
+        return usage("--context-save-interval wants a number of seconds, not " + value);
     } else if (name == "--tls-cert") {
       o.tlsCert = value;
     } else if (name == "--tls-key") {

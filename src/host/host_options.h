@@ -9,19 +9,21 @@
 namespace velm {
 
 struct HostOptions {
-  std::string root;                              // --root; empty: VELM_ROOT as inherited
-  std::string listenHost = "127.0.0.1";          // --listen HOST:PORT ([v6]:PORT)
-  int listenPort = 3110;                         // 0: any free port
-  std::string pluginsDir;                        // --plugins; empty: beside the binary
+  std::string root;                               // --root; empty: VELM_ROOT as inherited
+  std::string listenHost = "127.0.0.1";           // --listen HOST:PORT ([v6]:PORT)
+  int listenPort = 3110;                          // 0: any free port
+  std::string pluginsDir;                         // --plugins; empty: beside the binary
   std::uint64_t idleIntervalMicros = 60'000'000;  // --idle-interval seconds; 0: no idle ticks
-  std::string tlsCert, tlsKey;                   // --tls-cert, --tls-key: serve HTTPS
-  std::size_t maxBodyBytes = 16u << 20;          // --max-body: larger request bodies get 413
-  std::size_t threads = 16;                      // --threads: the request pool
+  // --context-save-interval seconds: how long changes made by idle ticks alone may wait.
+  std::uint64_t contextSaveIntervalMicros = 300'000'000;
+  std::string tlsCert, tlsKey;           // --tls-cert, --tls-key: serve HTTPS
+  std::size_t maxBodyBytes = 16u << 20;  // --max-body: larger request bodies get 413
+  std::size_t threads = 16;              // --threads: the request pool
   bool help = false;
 };
 
 struct HostOptionsResult {
-  int status = 0;     // 0, or the exit status for a usage error
+  int status = 0;  // 0, or the exit status for a usage error
   HostOptions options;
   std::string error;  // the usage error, for stderr
 };

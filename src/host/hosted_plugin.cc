@@ -12,6 +12,7 @@
 
 #include "adminhost/context_store.h"
 #include "host/host_log.h"
+#include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/paths.h"
 
@@ -31,8 +32,8 @@ std::vector<PluginRequestHandler*>& residentPlugins() {
 bool validName(const std::string& name) {
   if (name.empty()) return false;
   for (char c : name) {
-    bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
-              c == '-' || c == '.';
+    bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+              c == '_' || c == '-' || c == '.';
     if (!ok) return false;
   }
   return name != "." && name != "..";
@@ -43,8 +44,10 @@ bool validName(const std::string& name) {
 std::optional<std::string> pluginNameForFile(const std::string& fileName) {
   if (fileName.size() <= kPrefix.size() + kSuffix.size()) return std::nullopt;
   if (fileName.compare(0, kPrefix.size(), kPrefix) != 0) return std::nullopt;
-  if (fileName.compare(fileName.size() - kSuffix.size(), kSuffix.size(), kSuffix) != 0) return std::nullopt;
-  std::string name = fileName.substr(kPrefix.size(), fileName.size() - kPrefix.size() - kSuffix.size());
+  if (fileName.compare(fileName.size() - kSuffix.size(), kSuffix.size(), kSuffix) != 0)
+    return std::nullopt;
+  std::string name =
+      fileName.substr(kPrefix.size(), fileName.size() - kPrefix.size() - kSuffix.size());
   if (!validName(name)) return std::nullopt;
   return name;
 }
@@ -63,34 +66,64 @@ HostedPlugin::HostedPlugin(std::string name, PluginRequestHandler* handler, Uniq
 // across call and save keeps the context object to one user at a time. It costs no concurrency
 // that matters: the plugin runs one handler at a time anyway, and what runs before its lock
 // (checking the command name) is trivial.
-PluginCall HostedPlugin::call(const PropertyList& request) {
+PluginCall HostedPlugin::call(const PropertyList& request, bool idleTick) {
   PluginCall result;
-  std::scoped_lock lock(mutex_);
-  std::int32_t fd = lockFdValue_;
-  try {
-    result.response = handler_->doProcessInputWithRequest(request, &context_, &fd);
-    result.outcome = result.response ? PluginCall::Outcome::Answered : PluginCall::Outcome::NoResponse;
-  } catch (const std::exception& e) {
-    HostLog("plugin %s threw from doProcessInputWithRequest: %s", name_, e.what());
-    result.outcome = PluginCall::Outcome::Failed;
-    result.response.reset();
-  } catch (...) {
-    HostLog("plugin %s threw from doProcessInputWithRequest", name_);
-    result.outcome = PluginCall::Outcome::Failed;
-    result.response.reset();
+  std::optional<PropertyList> snapshot;
+  std::uint64_t generation = 0;
+  {
+    std::scoped_lock lock(mutex_);
+    std::int32_t fd = lockFdValue_;
+    try {
+      result.response = handler_->doProcessInputWithRequest(request, &context_, &fd);
+      result.outcome =
+          result.response ? PluginCall::Outcome::Answered : PluginCall::Outcome::NoResponse;
+    } catch (const std::exception& e) {
+      HostLog("plugin %s threw from doProcessInputWithRequest: %s", name_, e.what());
+      result.outcome = PluginCall::Outcome::Failed;
+      result.response.reset();
+    } catch (...) {
+      HostLog("plugin %s threw from doProcessInputWithRequest", name_);
+      result.outcome = PluginCall::Outcome::Failed;
+      result.response.reset();
+    }
+    lockFdValue_ = fd;
+    if (!context_.isDict()) {
+      HostLog("plugin %s replaced its context with a non-dictionary; starting it empty", name_);
+      context_ = PropertyList::dict();
+    }
+    bool dirty = takeContextDirty(&context_);
+    if (dirty) ++generation_;
+    if (dirty && idleTick) tickChanges_ = true;
+    std::uint64_t now = clock().monotonicMicros();
+    // A request's change is saved at once; the ticks' (history rows every minute) wait for the
+    // interval, so the file isn't rewritten whole at every tick.
+    bool due = savePending_ || (dirty && !idleTick) ||
+               (tickChanges_ && now - lastSaveMicros_ >= saveIntervalMicros_);
+    if (due) {
+      snapshot = context_;
+      generation = generation_;
+      tickChanges_ = false;
+      savePending_ = false;
+      lastSaveMicros_ = now;
+    }
   }
-  lockFdValue_ = fd;
-  if (!context_.isDict()) {
-    HostLog("plugin %s replaced its context with a non-dictionary; starting it empty", name_);
-    context_ = PropertyList::dict();
-  }
-  if (takeContextDirty(&context_) || savePending_) saveLocked();
+  // The write runs while the plugin already serves the next call.
+  if (snapshot) write(*snapshot, generation);
   return result;
 }
 
 int HostedPlugin::saveContext() {
-  std::scoped_lock lock(mutex_);
-  return saveLocked();
+  PropertyList snapshot;
+  std::uint64_t generation;
+  {
+    std::scoped_lock lock(mutex_);
+    snapshot = context_;
+    generation = generation_;
+    tickChanges_ = false;
+    savePending_ = false;
+    lastSaveMicros_ = clock().monotonicMicros();
+  }
+  return write(snapshot, generation);
 }
 
 PropertyList HostedPlugin::contextForTest() {
@@ -98,12 +131,20 @@ PropertyList HostedPlugin::contextForTest() {
   return context_;
 }
 
-int HostedPlugin::saveLocked() {
-  int err = savePluginContext(name_, context_);
+int HostedPlugin::write(const PropertyList& snapshot, std::uint64_t generation) {
+  std::scoped_lock lock(writeMutex_);
+  // A newer copy is on disk already.
+  if (generation < written_) return 0;
+  int err = savePluginContext(name_, snapshot);
+  if (err == 0) {
+    written_ = generation;
+    return 0;
+  }
   // A failed save is tried again after the next call, so a full disk costs no more than the
   // changes made while it was full.
-  savePending_ = err != 0;
-  if (err) HostLog("could not save the context of plugin %s: %s", name_, std::strerror(err));
+  HostLog("could not save the context of plugin %s: %s", name_, std::strerror(err));
+  std::scoped_lock again(mutex_);
+  savePending_ = true;
   return err;
 }
 
@@ -130,7 +171,8 @@ std::vector<std::unique_ptr<HostedPlugin>> loadPluginsFromDirectory(const std::s
       continue;
     }
     // The library stays loaded for the life of the process, as its plugin object does.
-    auto create = reinterpret_cast<AdminhostPluginCreateFn>(::dlsym(lib, "adminhost_plugin_create"));
+    auto create =
+        reinterpret_cast<AdminhostPluginCreateFn>(::dlsym(lib, "adminhost_plugin_create"));
     if (!create) {
       HostLog("plugin %s has no adminhost_plugin_create", path);
       continue;
@@ -138,7 +180,8 @@ std::vector<std::unique_ptr<HostedPlugin>> loadPluginsFromDirectory(const std::s
     std::string lockPath = stateDir + "/" + name + ".lock";
     UniqueFd lockFd(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
     if (!lockFd) {
-      HostLog("cannot open the lock file %s of plugin %s: %s", lockPath, name, std::strerror(errno));
+      HostLog("cannot open the lock file %s of plugin %s: %s", lockPath, name,
+              std::strerror(errno));
       continue;
     }
     PluginRequestHandler* handler = nullptr;
@@ -152,7 +195,8 @@ std::vector<std::unique_ptr<HostedPlugin>> loadPluginsFromDirectory(const std::s
       continue;
     }
     residentPlugins().push_back(handler);
-    plugins.push_back(std::make_unique<HostedPlugin>(name, handler, std::move(lockFd), loadPluginContext(name)));
+    plugins.push_back(
+        std::make_unique<HostedPlugin>(name, handler, std::move(lockFd), loadPluginContext(name)));
     HostLog("loaded plugin %s from %s", name, path);
   }
   return plugins;

@@ -24,17 +24,23 @@ class HostedPlugin {
  public:
   // handler is never destroyed: see residentPlugins() in the .cc. lockFd is the descriptor value
   // handed to the plugin with every request; context is what was loaded for it.
-  HostedPlugin(std::string name, PluginRequestHandler* handler, UniqueFd lockFd, PropertyList context);
+  HostedPlugin(std::string name, PluginRequestHandler* handler, UniqueFd lockFd,
+               PropertyList context);
   HostedPlugin(const HostedPlugin&) = delete;
   HostedPlugin& operator=(const HostedPlugin&) = delete;
 
   const std::string& name() const { return name_; }
 
-  // Runs one request (or idle tick) through the plugin; then, when the plugin set contextDirty
-  // (or an earlier save failed), writes the context out before returning. Callable from any
-  // thread; calls of one plugin run one at a time. An exception from the plugin is logged and
-  // gives Failed.
-  PluginCall call(const PropertyList& request);
+  // Runs one request (or idle tick) through the plugin; then saves the context when the plugin
+  // set contextDirty: at once after a request, and after idle ticks at most once per save
+  // interval (an earlier failed save is tried again at the next call). The write happens after
+  // the plugin is free for the next call, from a copy; an older copy never replaces a newer one.
+  // Callable from any thread; calls of one plugin run one at a time. An exception from the
+  // plugin is logged and gives Failed.
+  PluginCall call(const PropertyList& request, bool idleTick = false);
+
+  // How long changes made by idle ticks alone may wait to be saved.
+  void setContextSaveInterval(std::uint64_t micros) { saveIntervalMicros_ = micros; }
 
   // Writes the context out now (shutdown). Returns 0 or an errno value.
   int saveContext();
@@ -43,7 +49,8 @@ class HostedPlugin {
   PropertyList contextForTest();
 
  private:
-  int saveLocked();
+  // Writes snapshot (the context at generation) unless a newer one was written already.
+  int write(const PropertyList& snapshot, std::uint64_t generation);
 
   const std::string name_;
   PluginRequestHandler* const handler_;
@@ -54,6 +61,13 @@ class HostedPlugin {
   PropertyList context_;
   std::int32_t lockFdValue_;
   bool savePending_ = false;
+  bool tickChanges_ = false;      // changes of idle ticks not saved yet
+  std::uint64_t generation_ = 0;  // counts the context's changes
+  std::uint64_t saveIntervalMicros_ = 300'000'000;
+  std::uint64_t lastSaveMicros_ = 0;  // monotonic, of the last save begun
+  // Serialises writes; never taken inside mutex_ (a failed write takes mutex_ inside it).
+  std::mutex writeMutex_;
+  std::uint64_t written_ = 0;  // the generation on disk
 };
 
 // Loads every adminhost_<name>.so in dir (sorted by name): dlopen, adminhost_plugin_create, a

@@ -232,6 +232,25 @@ TEST_F(AdminhostdTest, IdleTicksCountUpFromZero) {
   EXPECT_TRUE(savedContext().get("idleCounts"));
 }
 
+TEST_F(AdminhostdTest, TickOnlyChangesWaitForTheSaveIntervalAndACommandSavesAtOnce) {
+  auto d = startEcho({"--idle-interval", "0.02", "--context-save-interval", "3600"});
+  Client c(d->url());
+  auto ticks = [](const PropertyList& ctx) {
+    const PropertyList* v = ctx.get("idleCounts");
+    return v ? v->size() : 0u;
+  };
+  for (int i = 0; i < kPollSteps && ticks(context(c)) < 5; ++i) systemClock().sleepMicros(kPollStepMicros);
+  ASSERT_GE(ticks(context(c)), 5u);
+  // The first tick was saved; the later ones wait for the interval.
+  EXPECT_EQ(ticks(savedContext()), 1u);
+  ASSERT_EQ(c.command("echo", request("incr"), readToken(sandbox_)).status, 200);
+  EXPECT_GE(ticks(savedContext()), 5u);
+  // Shutdown saves whatever the ticks changed since.
+  std::size_t before = ticks(context(c));
+  stopCleanly(*d);
+  EXPECT_GE(ticks(savedContext()), before);
+}
+
 TEST_F(AdminhostdTest, ContextIsSavedWhenDirtyAndReloadedAfterARestart) {
   auto d = startEcho({"--idle-interval", "0"});
   std::string token = readToken(sandbox_);
