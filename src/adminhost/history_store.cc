@@ -13,15 +13,9 @@ namespace {
 
 constexpr std::uint32_t kVersion = 1;
 
-std::uint32_t word(const PlistData& b, std::size_t index) {
-  const std::uint8_t* p = b.data() + 4 * index;
-  return std::uint32_t{p[0]} | std::uint32_t{p[1]} << 8 | std::uint32_t{p[2]} << 16 |
-         std::uint32_t{p[3]} << 24;
-}
-
+std::uint32_t word(const PlistData& b, std::size_t index) { return historyHeaderWord(b, index); }
 void setWord(PlistData& b, std::size_t index, std::uint32_t v) {
-  std::uint8_t* p = b.data() + 4 * index;
-  for (int i = 0; i < 4; ++i) p[i] = static_cast<std::uint8_t>(v >> (8 * i));
+  setHistoryHeaderWord(b, index, v);
 }
 
 std::size_t tableBytes(std::uint32_t columns) {
@@ -124,6 +118,18 @@ bool appendRow(std::string_view name, const PropertyList& values, PropertyList* 
 }
 
 }  // namespace
+
+std::uint32_t historyHeaderWord(const PlistData& b, std::size_t index) {
+  if (b.size() < 4 * (index + 1)) return 0;
+  const std::uint8_t* p = b.data() + 4 * index;
+  return std::uint32_t{p[0]} | std::uint32_t{p[1]} << 8 | std::uint32_t{p[2]} << 16 |
+         std::uint32_t{p[3]} << 24;
+}
+
+void setHistoryHeaderWord(PlistData& b, std::size_t index, std::uint32_t v) {
+  if (b.size() < 4 * (index + 1)) return;
+  for (int i = 0; i < 4; ++i) b[4 * index + i] = static_cast<std::uint8_t>(v >> (8 * i));
+}
 
 PlistData newHistoryTable(std::uint32_t columns) {
   PlistData block(tableBytes(columns));

@@ -28,6 +28,11 @@ inline constexpr std::uint32_t kHistoryRows = kHistoryRing1Rows + kHistoryRing2R
 inline constexpr std::size_t kHistoryHeaderBytes = 24;
 inline constexpr std::uint64_t kHistoryRing2Seconds = 300;
 
+// Header word index (0 version, 1 and 2 the rings' sizes, 3 the columns, 4 and 5 the cursors);
+// 0 past the end of the block.
+std::uint32_t historyHeaderWord(const PlistData& block, std::size_t index);
+void setHistoryHeaderWord(PlistData& block, std::size_t index, std::uint32_t value);
+
 // A new table of columns columns: every cell empty, each cursor on its ring's last row.
 PlistData newHistoryTable(std::uint32_t columns);
 // The column count of a block that is a well-formed table, else nothing.

@@ -391,38 +391,38 @@ void SANDeviceManager::appendToLog(PropertyList entry) {
   writeRecentFibreLog(entries);
 }
 
-void SANDeviceManager::logAdditionOfPathsToWWNN(const std::string& wwnn) {
+namespace {
+
+PropertyList fibreEvent(const char* type, const char* event, const std::string& wwnn) {
   PropertyList e = PropertyList::dict();
-  e.set("type", "Path");
-  e.set("event", "Addition");
+  e.set("type", type);
+  e.set("event", event);
   e.set("wwnn", wwnn);
-  appendToLog(std::move(e));
+  return e;
+}
+
+PropertyList unitEvent(const char* event, const SANSCSILogicalUnit& unit) {
+  PropertyList e = fibreEvent("LUN", event, unit.nodeWorldWideNameString());
+  e.set("lun", unit.logicalUnitNumber);
+  return e;
+}
+
+}  // namespace
+
+void SANDeviceManager::logAdditionOfPathsToWWNN(const std::string& wwnn) {
+  appendToLog(fibreEvent("Path", "Addition", wwnn));
 }
 
 void SANDeviceManager::logLossOfPathsFromWWNN(const std::string& wwnn) {
-  PropertyList e = PropertyList::dict();
-  e.set("type", "Path");
-  e.set("event", "Loss");
-  e.set("wwnn", wwnn);
-  appendToLog(std::move(e));
+  appendToLog(fibreEvent("Path", "Loss", wwnn));
 }
 
 void SANDeviceManager::logAppearanceOfLUN(const SANSCSILogicalUnit& unit) {
-  PropertyList e = PropertyList::dict();
-  e.set("type", "LUN");
-  e.set("event", "Addition");
-  e.set("wwnn", unit.nodeWorldWideNameString());
-  e.set("lun", unit.logicalUnitNumber);
-  appendToLog(std::move(e));
+  appendToLog(unitEvent("Addition", unit));
 }
 
 void SANDeviceManager::logDisappearanceOfLUN(const SANSCSILogicalUnit& unit) {
-  PropertyList e = PropertyList::dict();
-  e.set("type", "LUN");
-  e.set("event", "Loss");
-  e.set("wwnn", unit.nodeWorldWideNameString());
-  e.set("lun", unit.logicalUnitNumber);
-  appendToLog(std::move(e));
+  appendToLog(unitEvent("Loss", unit));
 }
 
 }  // namespace velm

@@ -38,6 +38,16 @@ void unlist(cw_ch_t* a_ch, cw_chi_t* chi) {
   }
 }
 
+// Takes the item out of the table and hands back what was asked for.
+void take(cw_ch_t* a_ch, cw_chi_t* chi, ch_key_t* r_key, ch_data_t* r_data, cw_chi_t** r_chi) {
+  unchain(a_ch, chi);
+  unlist(a_ch, chi);
+  --a_ch->count;
+  if (r_key) *r_key = chi->key;
+  if (r_data) *r_data = chi->data;
+  if (r_chi) *r_chi = chi;
+}
+
 cw_chi_t* find(cw_ch_t* a_ch, ch_key_t a_key) {
   cw_chi_t* head = a_ch->table[a_ch->hash(a_key, a_ch->table_size)];
   if (!head) return nullptr;
@@ -171,12 +181,7 @@ int ch_remove(cw_ch_t* a_ch, ch_key_t a_search_key, ch_key_t* r_key, ch_data_t* 
   checkCh(a_ch);
   cw_chi_t* chi = find(a_ch, a_search_key);
   if (!chi) return 1;
-  unchain(a_ch, chi);
-  unlist(a_ch, chi);
-  --a_ch->count;
-  if (r_key) *r_key = chi->key;
-  if (r_data) *r_data = chi->data;
-  if (r_chi) *r_chi = chi;
+  take(a_ch, chi, r_key, r_data, r_chi);
   return 0;
 }
 
@@ -205,12 +210,7 @@ int ch_remove_iterate(cw_ch_t* a_ch, ch_key_t* r_key, ch_data_t* r_data, cw_chi_
   cw_chi_t* chi = a_ch->list;
   if (!chi) return 1;
   CH_ASSERT(chi->magic == LIBTOP_CHI_MAGIC);
-  unchain(a_ch, chi);
-  unlist(a_ch, chi);
-  --a_ch->count;
-  if (r_key) *r_key = chi->key;
-  if (r_data) *r_data = chi->data;
-  if (r_chi) *r_chi = chi;
+  take(a_ch, chi, r_key, r_data, r_chi);
   return 0;
 }
 

@@ -11,6 +11,7 @@
 #include "platform/files.h"
 #include "platform/log.h"
 #include "platform/paths.h"
+#include "platform/string_additions.h"
 #include "plist/format.h"
 
 namespace velm {
@@ -21,26 +22,9 @@ constexpr const char* kFixedColumns[] = {
     "NETWORK_INPUT", "NETWORK_PACKETS_INPUT", "NETWORK_OUTPUT",     "NETWORK_PACKETS_OUTPUT"};
 constexpr std::uint32_t kFixed = 8;
 
-std::uint32_t word(const PlistData& b, std::size_t index) {
-  if (b.size() < 4 * (index + 1)) return 0;
-  const std::uint8_t* p = b.data() + 4 * index;
-  return std::uint32_t{p[0]} | std::uint32_t{p[1]} << 8 | std::uint32_t{p[2]} << 16 |
-         std::uint32_t{p[3]} << 24;
-}
-
+std::uint32_t word(const PlistData& b, std::size_t index) { return historyHeaderWord(b, index); }
 void setWord(PlistData& b, std::size_t index, std::uint32_t v) {
-  for (int i = 0; i < 4; ++i) b[4 * index + i] = static_cast<std::uint8_t>(v >> (8 * i));
-}
-
-std::string upper(std::string s) {
-  for (char& c : s)
-    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-  return s;
-}
-
-std::string trimmed(std::string s) {
-  while (!s.empty() && (s.back() == '\n' || s.back() == ' ')) s.pop_back();
-  return s;
+  setHistoryHeaderWord(b, index, v);
 }
 
 // "aa:bb:cc:dd:ee:ff" -> its bytes; the count may be anything.
@@ -77,7 +61,7 @@ std::optional<PlistArray> getNICNames() {
     std::string name = it->path().filename().string();
     std::optional<std::string> index = readSmallFile(net + "/" + name + "/ifindex");
     long long i = 0;
-    std::string t = index ? trimmed(*index) : "";
+    std::string t = index ? std::string(trimmedBlanks(*index)) : "";
     auto [p, e] = std::from_chars(t.data(), t.data() + t.size(), i);
     // An entry that can't be read is passed over.
     if (!index || e != std::errc()) continue;
@@ -91,8 +75,8 @@ std::optional<PlistArray> getNICNames() {
     if (name.rfind("en", 0) != 0 && name.rfind("eth", 0) != 0) continue;
     PropertyList record = PropertyList::dict();
     record.set("name", name);
-    std::vector<std::uint8_t> mac =
-        macBytes(trimmed(readSmallFile(net + "/" + name + "/address").value_or("")));
+    std::vector<std::uint8_t> mac = macBytes(
+        std::string(trimmedBlanks(readSmallFile(net + "/" + name + "/address").value_or(""))));
     if (mac.size() == 6) {
       char text[24];
       std::snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", mac[0], mac[1], mac[2],
@@ -122,7 +106,7 @@ void initHistorySystem(PropertyList* context, const std::set<std::string>& volum
     PropertyList record = nic;
     record.set("key", first);
     if (found.size() >= 2) {
-      std::string name = upper(*nic.getString("name"));
+      std::string name = asciiUppercased(*nic.getString("name"));
       keys.set(first, "NETWORK_THROUGHPUT_" + name);
       keys.set(second, "NETWORK_PACKETS_THROUGHPUT_" + name);
       factors.set(first, 1.0);

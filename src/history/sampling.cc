@@ -14,6 +14,7 @@
 #include "platform/files.h"
 #include "platform/log.h"
 #include "platform/paths.h"
+#include "platform/string_additions.h"
 #include "plist/format.h"
 #include "volumes/volume_inspection.h"
 #include "volumes/volume_state.h"
@@ -53,12 +54,6 @@ std::optional<std::uint64_t> unsignedAt(const PropertyList* dict, const std::str
   if (std::optional<std::uint64_t> u = v->uint64Value()) return u;
   std::optional<double> d = v->doubleValue();
   return d && *d >= 0 ? std::optional<std::uint64_t>(static_cast<std::uint64_t>(*d)) : std::nullopt;
-}
-
-std::string upper(std::string s) {
-  for (char& c : s)
-    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-  return s;
 }
 
 // The online processors' tick counters from /proc/stat; nothing when the file can't be read.
@@ -218,7 +213,7 @@ std::optional<PropertyList> sampleNetwork(PropertyList* context) {
     std::uint64_t rate[4] = {};
     bool counted[4] = {};
     for (int i = 0; i < 4; ++i) {
-      std::string key = keys[i] + upper(name);
+      std::string key = keys[i] + asciiUppercased(name);
       store.set(key, static_cast<unsigned long long>(raw[i]));
       std::optional<std::uint64_t> before = unsignedAt(old, key);
       if (!before) continue;

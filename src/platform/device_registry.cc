@@ -15,6 +15,7 @@
 #include "platform/files.h"
 #include "platform/log.h"
 #include "platform/paths.h"
+#include "platform/string_additions.h"
 
 namespace velm {
 namespace {
@@ -22,13 +23,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::string_view kFibreChannel = "Fibre Channel Interface";
-
-std::string_view trimmed(std::string_view s) {
-  while (!s.empty() && (s.back() == '\n' || s.back() == ' ' || s.back() == '\t'))
-    s.remove_suffix(1);
-  while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
-  return s;
-}
 
 // The entry names of a directory (none when it can't be read), in no particular order.
 std::vector<std::string> listing(const std::string& dir) {
@@ -62,7 +56,7 @@ struct Rport {
 
 // One remote port's changing attributes; false when it isn't an FCP target.
 bool readPort(const std::string& attrs, Rport& r) {
-  r.state = std::string(trimmed(attribute(attrs, "port_state").value_or("")));
+  r.state = std::string(trimmedBlanks(attribute(attrs, "port_state").value_or("")));
   r.targetId = parseSysfsDecimal(attribute(attrs, "scsi_target_id").value_or("")).value_or(-1);
   return true;
 }
@@ -125,7 +119,7 @@ bool isUp(std::string_view portState) { return portState == "Online" || portStat
 }  // namespace
 
 std::optional<std::uint64_t> parseSysfsHex(std::string_view text) {
-  text = trimmed(text);
+  text = trimmedBlanks(text);
   if (text.size() < 3 || text[0] != '0' || (text[1] != 'x' && text[1] != 'X')) return std::nullopt;
   text.remove_prefix(2);
   std::uint64_t v = 0;
@@ -135,7 +129,7 @@ std::optional<std::uint64_t> parseSysfsHex(std::string_view text) {
 }
 
 std::optional<long long> parseSysfsDecimal(std::string_view text) {
-  text = trimmed(text);
+  text = trimmedBlanks(text);
   long long v = 0;
   auto [end, ec] = std::from_chars(text.data(), text.data() + text.size(), v);
   if (text.empty() || ec != std::errc() || end != text.data() + text.size()) return std::nullopt;

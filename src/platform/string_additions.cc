@@ -134,4 +134,18 @@ bool isValidUtf8(std::string_view s) {
   return true;
 }
 
+std::string_view trimmedBlanks(std::string_view s) {
+  auto blank = [](char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; };
+  while (!s.empty() && blank(s.back())) s.remove_suffix(1);
+  while (!s.empty() && blank(s.front())) s.remove_prefix(1);
+  return s;
+}
+
+std::string asciiUppercased(std::string_view s) {
+  std::string out(s);
+  for (char& c : out)
+    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+  return out;
+}
+
 }  // namespace velm

@@ -26,6 +26,10 @@ int numericCompare(std::string_view a, std::string_view b);
 std::size_t characterCount(std::string_view utf8);
 // Well-formed UTF-8: no stray or overlong sequences, no surrogates, nothing past U+10FFFF.
 bool isValidUtf8(std::string_view s);
+// s without blanks, tabs and line ends at either end.
+std::string_view trimmedBlanks(std::string_view s);
+// s with a-z made A-Z; other bytes as they are.
+std::string asciiUppercased(std::string_view s);
 // Splits file text on '\n', dropping one empty last piece.
 std::vector<std::string> splitLinesDroppingLastEmpty(std::string_view text);
 
