@@ -125,7 +125,8 @@ int VelmPlugin::testConfigFile(const std::string& path) {
 std::optional<PropertyList> VelmPlugin::buildClientHealth() {
   PropertyList health = PropertyList::dict();
   SANFilesystem& fs = SANFilesystem::localFilesystem();
-  health.set("fsmpmRunning", fs.isFsmpmRunning());
+  bool fsmpm = fs.isFsmpmRunning();
+  health.set("fsmpmRunning", fsmpm);
   for (const char* file : {"automount.plist", "config.plist", "notifications.plist"})
     health.set(std::string("configParsable_") + file, testConfigFile(configPath(file)) != 0);
   if (!SANComputer::thisComputer().isController()) return health;
@@ -143,7 +144,8 @@ std::optional<PropertyList> VelmPlugin::buildClientHealth() {
     } else {
       // No sample yet (a start, a new volume): ask the port mapper.
       long long pid = -1;
-      int handle = open_fs_connection();
+      // Without a port mapper there is nobody to ask, and no FSM runs.
+      int handle = fsmpm ? open_fs_connection() : -1;
       if (handle >= 0) {
         std::optional<PropertyList> fsm = get_local_fsmvol_named(handle, name);
         const PropertyList* stats = fsm ? fsm->get("VolumeStats") : nullptr;

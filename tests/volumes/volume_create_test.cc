@@ -2,12 +2,14 @@
 #include <signal.h>
 #include <sys/wait.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <random>
 
 #include "config/config_parser.h"
 #include "config/config_test_util.h"
 #include "controller_helpers.h"
+#include "platform/clock.h"
 #include "platform/files.h"
 #include "support/run_program.h"
 #include "volumes/volume_state.h"
@@ -207,6 +209,20 @@ TEST_F(VolumeCreateTest, AKilledCommandNeverLeavesATornFile) {
   std::string cfgPath = sandbox_.path(std::string(kConfig) + "Crash.cfg");
   std::mt19937 random(12345);
   std::string fullCfg;
+  // How long a whole command takes here (sanitizers slow it down): the kills fall within it.
+  int spanMicros = 20000;
+  {
+    std::uint64_t start = systemClock().monotonicMicros();
+    test::ProgramResult whole =
+        test::runProgram("velmadmin", {"--local", "--request", request}, "",
+                         {{"VELM_ROOT", sandbox_.root()}});
+    ASSERT_EQ(whole.status, 0) << whole.err;
+    spanMicros = std::max(spanMicros, static_cast<int>(systemClock().monotonicMicros() - start));
+    fullCfg = readFile(cfgPath).value_or("");
+    ASSERT_FALSE(fullCfg.empty());
+    test::runProgram("velmadmin", {"--local", "--request", removal}, "",
+                     {{"VELM_ROOT", sandbox_.root()}});
+  }
   for (int i = 0; i < 200; ++i) {
     bool adding = !pathExists(cfgPath);
     pid_t pid = ::fork();
@@ -217,8 +233,8 @@ TEST_F(VolumeCreateTest, AKilledCommandNeverLeavesATornFile) {
               (adding ? request : removal).c_str(), nullptr);
       ::_exit(127);
     }
-    // Somewhere in the first 20 ms, which covers the whole command.
-    ::usleep(std::uniform_int_distribution<int>(0, 20000)(random));
+    // Somewhere within the time a whole command takes.
+    ::usleep(std::uniform_int_distribution<int>(0, spanMicros)(random));
     ::kill(pid, SIGKILL);
     ::waitpid(pid, nullptr, 0);
     std::string list = fsmlist();
