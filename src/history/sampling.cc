@@ -80,8 +80,8 @@ std::vector<CpuTicks> parseCpuTicks(std::string_view text) {
     while (n < 7 && words >> f[n]) ++n;
     if (n < 4) continue;
     CpuTicks t;
-    // Low 32 bits, wrapping as the design's counters do: system = system + irq + softirq,
-    // idle = idle + iowait.
+    // Low 32 bits, so they wrap as the 32-bit counters the rates expect: system = system + irq +
+    // softirq, idle = idle + iowait.
     t.user = static_cast<std::uint32_t>(f[0]);
     t.nice = static_cast<std::uint32_t>(f[1]);
     t.system = static_cast<std::uint32_t>(f[2] + f[5] + f[6]);
@@ -288,7 +288,7 @@ bool update_named_history_data(const std::string& volume, PropertyList* context)
       const PropertyList* old = context->get(storeKey);
       std::uint64_t oldSystem = unsignedAt(old, "system_info_p_time").value_or(system);
       std::uint64_t oldProcess = unsignedAt(old, "proc_info_p_total_time").value_or(process);
-      // Deliberate: a counter that went back adds the largest signed value, as designed.
+      // Deliberate: a counter that went back adds the largest signed value.
       auto delta = [](std::uint64_t now, std::uint64_t before) {
         return now >= before ? now - before : before - now + 0x7FFFFFFFFFFFFFFFull;
       };
