@@ -27,7 +27,7 @@ bool isDirectory(const std::string& path, bool* exists) {
   return *exists && S_ISDIR(st.st_mode);
 }
 
-// The directory as the design has it: root's, mode 755, made without its parents.
+// The notes directory: root's, mode 755, made without its parents.
 void makeNotesDirectory(const std::string& dir) {
   if (::mkdir(dir.c_str(), 0755) != 0) return;
   ::chmod(dir.c_str(), 0755);

@@ -1,5 +1,5 @@
 // One resolver for every host path, so the whole system runs inside a sandbox root.
-// VELM_ROOT prefixes the design's absolute paths; VELM_SYSFS and VELM_PROCFS move the kernel trees.
+// VELM_ROOT prefixes the system's absolute paths; VELM_SYSFS and VELM_PROCFS move the kernel trees.
 // Values are read once; resetPathsForTest() reads the environment again.
 #pragma once
 
@@ -10,7 +10,7 @@ namespace velm {
 
 // VELM_ROOT without a trailing slash; empty for the real root.
 std::string velmRoot();
-// An absolute host path of the design ("/Library/...", "/var/run/...", "/etc/hostname") under the
+// An absolute host path of the system ("/Library/...", "/var/run/...", "/etc/hostname") under the
 // root. "/dev/null" stays as it is.
 std::string hostPath(std::string_view absolutePath);
 // The plugin's file-system root: VELM_ROOT + /Library/Filesystems/Velm.
