@@ -131,6 +131,16 @@ void setHistoryHeaderWord(PlistData& b, std::size_t index, std::uint32_t v) {
   for (int i = 0; i < 4; ++i) b[4 * index + i] = static_cast<std::uint8_t>(v >> (8 * i));
 }
 
+std::string historyNameForVolume(std::string_view volume) {
+  return "history_" + std::string(volume);
+}
+
+void purgeVolumeHistory(std::string_view volume, PropertyList* context) {
+  NLog("%s: Zapping history for now-gone volume '%@'", "purgeVolumeHistory", volume);
+  context->erase(historyNameForVolume(volume));
+  context->erase("FSMStore_" + std::string(volume));
+}
+
 PlistData newHistoryTable(std::uint32_t columns) {
   PlistData block(tableBytes(columns));
   setWord(block, 0, kVersion);

@@ -33,6 +33,12 @@ inline constexpr std::uint64_t kHistoryRing2Seconds = 300;
 std::uint32_t historyHeaderWord(const PlistData& block, std::size_t index);
 void setHistoryHeaderWord(PlistData& block, std::size_t index, std::uint32_t value);
 
+// "history_<volume>": the table of a volume's FSM.
+std::string historyNameForVolume(std::string_view volume);
+// Takes the volume's table and its sampler's store ("FSMStore_<volume>") out of context; the
+// caller marks the context dirty.
+void purgeVolumeHistory(std::string_view volume, PropertyList* context);
+
 // A new table of columns columns: every cell empty, each cursor on its ring's last row.
 PlistData newHistoryTable(std::uint32_t columns);
 // The column count of a block that is a well-formed table, else nothing.

@@ -49,10 +49,6 @@ std::vector<std::uint8_t> macBytes(const std::string& text) {
 
 double cpuFactor() { return static_cast<double>(0.01f); }
 
-std::string historyNameForVolume(std::string_view volume) {
-  return "history_" + std::string(volume);
-}
-
 std::optional<PlistArray> getNICNames() {
   std::string net = sysfsPath("class/net");
   std::error_code ec;
@@ -203,12 +199,6 @@ void loadPreviousData(const PlistArray& newNics, PropertyList* context,
       }
     }
   }
-}
-
-void purgeVolumeHistory(std::string_view volume, PropertyList* context) {
-  NLog("%s: Zapping history for now-gone volume '%@'", "purgeVolumeHistory", volume);
-  context->erase(historyNameForVolume(volume));
-  context->erase("FSMStore_" + std::string(volume));
 }
 
 PropertyList getHistorySystemKeys(const PropertyList& context) {

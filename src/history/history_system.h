@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 
+#include "adminhost/history_store.h"
 #include "plist/plist.h"
 
 namespace velm {
@@ -15,8 +16,6 @@ namespace velm {
 // The factor of the CPU columns: the single-precision 0.01 (0x3C23D70A), widened.
 double cpuFactor();
 
-// "history_<volume>".
-std::string historyNameForVolume(std::string_view volume);
 // { name, MAC } of each Ethernet interface ("en*" or "eth*") in order of its index; nothing when
 // the interface list can't be read.
 std::optional<PlistArray> getNICNames();
@@ -31,7 +30,6 @@ void loadPreviousData(const PlistArray& newNics, PropertyList* context,
 // table's own header gives its stride, and no read or write leaves its block.
 void copyHistoryColumns(PlistData& destination, std::uint32_t destinationColumn,
                         const PlistData& source, std::uint32_t sourceColumn, std::uint32_t count);
-void purgeVolumeHistory(std::string_view volume, PropertyList* context);
 
 // HistoryDescriptors: { keys, factors, identifier }.
 PropertyList getHistorySystemKeys(const PropertyList& context);

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <set>
 
+#include "adminhost/history_store.h"
 #include "adminhost/host_common.h"
 #include "config/config_parser.h"
 #include "core/san_computer.h"
@@ -254,6 +255,11 @@ std::optional<PropertyList> VelmPlugin::deleteVolumesWithRequest(const PropertyL
       std::filesystem::remove(configPath(file), ec);
     }
     std::filesystem::remove_all(hostPath("/Library/Filesystems/Velm/data/" + name), ec);
+    // Its history goes with it, not only at the next start.
+    if (PropertyList* ctx = context(); ctx && ctx->isDict()) {
+      purgeVolumeHistory(name, ctx);
+      ctx->set("contextDirty", true);
+    }
   }
   fs.clearCache();
   return responseWithVolumes(PropertyList(status));

@@ -140,8 +140,15 @@ TEST_F(VolumeCreateTest, DeleteStopsAndRemovesOnlyWhatIsNamed) {
                         "alpha-auxdata.plist-old", "alphabet.cfg"})
     sandbox_.write(std::string(kConfig) + f, "x");
   sandbox_.write("/Library/Filesystems/Velm/data/alpha/log/drlog", "log");
+  context_.set("history_alpha", PropertyList(PlistData{1}));
+  context_.set("FSMStore_alpha", PropertyList::dict());
+  context_.set("history_alphabet", PropertyList(PlistData{1}));
   PropertyList r = remove({"alpha", "ghost"});
   EXPECT_EQ(r.get("status")->int64Value(), 0) << describe(r);
+  // Its history goes at once; another volume's stays.
+  EXPECT_FALSE(context_.get("history_alpha"));
+  EXPECT_FALSE(context_.get("FSMStore_alpha"));
+  EXPECT_TRUE(context_.get("history_alphabet"));
   EXPECT_EQ(fsmlist(), "alphabet . 0\n# note\n");
   for (const char* f :
        {"alpha.cfg", "alpha-auxdata.plist", "alpha.cfg-old", "alpha-auxdata.plist-old"})
