@@ -77,11 +77,7 @@ void installSimStopHandler(void (*stop)(void*), void* context) {
   std::signal(SIGPIPE, SIG_IGN);
 }
 
-namespace {
-
-// VELM_PROCFS when it names a sandbox; the real /proc is never written, whatever the environment
-// says.
-std::optional<std::string> procfsFromEnvironment() {
+std::optional<std::string> sandboxProcfsFromEnvironment() {
   const char* env = std::getenv("VELM_PROCFS");
   if (!env || !*env) return std::nullopt;
   std::string p = std::filesystem::path(env).lexically_normal().string();
@@ -90,14 +86,12 @@ std::optional<std::string> procfsFromEnvironment() {
   return p;
 }
 
-}  // namespace
-
 std::string sandboxProcfs(const std::string& root) {
-  return procfsFromEnvironment().value_or(root + "/proc");
+  return sandboxProcfsFromEnvironment().value_or(root + "/proc");
 }
 
 SandboxProcessEntry::SandboxProcessEntry(const std::string& name) {
-  std::optional<std::string> procfs = procfsFromEnvironment();
+  std::optional<std::string> procfs = sandboxProcfsFromEnvironment();
   if (!procfs) return;
   std::string pid = std::to_string(::getpid());
   dir_ = *procfs + "/" + pid;

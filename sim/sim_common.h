@@ -9,6 +9,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -33,6 +34,10 @@ void installSimStopHandler(void (*stop)(void*), void* context);
 // Writes "<program>: <formatted text>" as one whole line on stderr, even from many threads.
 void simLogLine(const char* program, const char* fmt, va_list args)
     __attribute__((format(printf, 2, 0)));
+
+// VELM_PROCFS when it names a sandbox; nullopt for the real /proc (never written, whatever the
+// environment says) or none.
+std::optional<std::string> sandboxProcfsFromEnvironment();
 
 // The process table the plugin reads in a sandbox: VELM_PROCFS when it is set and not the real
 // /proc (which is never written), else <root>/proc.

@@ -63,6 +63,8 @@ bool loadSimPmConfig(const std::string& path, SimPmConfig* config, std::string* 
       if (!readConfigNumber(entry, "port", &fsm.port, error) ||
           !readConfigNumber(entry, "priority", &fsm.priority, error) ||
           !readConfigNumber(entry, "pid", &fsm.pid, error) ||
+          !readConfigNumber(entry, "cpuLoad", &fsm.cpuLoad, error) ||
+          !readConfigNumber(entry, "residentBytes", &fsm.residentBytes, error) ||
           !readConfigNumber(entry, "capabilities", &caps, error))
         return false;
       fsm.capabilities = static_cast<std::uint32_t>(caps);
@@ -74,6 +76,10 @@ bool loadSimPmConfig(const std::string& path, SimPmConfig* config, std::string* 
           return false;
         }
         fsm.address = *address;
+      }
+      if (fsm.cpuLoad < 0 || fsm.cpuLoad > 100) {
+        *error = "fsm '" + fsm.name + "': 'cpuLoad' is not a percentage from 0 to 100";
+        return false;
       }
       if (fsm.port < 0 || fsm.port > 65535) {
         *error = "fsm '" + fsm.name + "': bad port";

@@ -24,7 +24,10 @@ struct SimFsm {
   int port = 0;  // 0: any free port, chosen at start
   int priority = 0;
   bool active = true;
-  int pid = 0;
+  int pid = 0;          // configured; 0: the companion process's, if any
+  int processPid = 0;   // the companion process (simpm_fsm_process.h), while it runs
+  int cpuLoad = 0;      // percent of one CPU the companion burns
+  std::uint64_t residentBytes = 0;  // memory the companion touches
   std::string address;  // empty: the listen address
   std::uint32_t capabilities = 1;
   // Its admin side (simpm_fsm_*.cc); copies of this entry share it.
@@ -36,6 +39,9 @@ struct SimFsm {
   // requests hold stay valid; a start of the same name takes it back.
   bool dropped = false;
 };
+
+// The pid an FSM reports: the configured one wins, for tests on a fake process table.
+inline int reportedPid(const SimFsm& f) { return f.pid ? f.pid : f.processPid; }
 
 // A disk the port mapper sees.
 struct SimDisk {

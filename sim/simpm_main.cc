@@ -1,10 +1,13 @@
 // velm-simpm: a stand-in port mapper for tests and the demo.
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <string>
 
 #include "sim/sim_common.h"
+#include "sim/simpm_fsm_process.h"
 #include "sim/simpm_server.h"
 
 namespace {
@@ -19,6 +22,11 @@ const char kUsage[] =
     "on\n"
     "its own port. Authentication is required when config/.auth_secret exists in that root.\n"
     "Each request is logged to stderr. SIGTERM or SIGINT stops it.\n"
+    "\n"
+    "Each running local FSM without a configured pid is a child process, \"fsm\" in the process\n"
+    "table, whose pid it reports as ProcessID; it ends when the FSM stops, and a fail-over to or\n"
+    "from standby starts a new one. When VELM_PROCFS names a sandbox, DIR's process table gets a\n"
+    "link to each such process and one to the machine's stat file.\n"
     "\n"
     "It follows DIR/Library/Filesystems/Velm/config/fsmlist, read again on each start, stop and\n"
     "list request: one line per volume this machine may serve, \"<name> . <index>\" (blank lines\n"
@@ -35,9 +43,12 @@ const char kUsage[] =
     "\n"
     "Configuration keys:\n"
     "  fsms          array of dictionaries: name (string), port (integer, 0 = any free port),\n"
-    "                priority (integer), active (boolean, default true), pid (integer),\n"
-    "                address (string, default the listen address), capabilities (integer, the\n"
-    "                FSM's capability word, default 1)\n"
+    "                priority (integer), active (boolean, default true), pid (integer: the\n"
+    "                ProcessID it reports, for tests on a fake process table), address\n"
+    "                (string, default the listen address), capabilities (integer, the FSM's\n"
+    "                capability word, default 1), cpuLoad (integer, percent of one CPU its\n"
+    "                process burns, default 0), residentBytes (integer, memory its process\n"
+    "                touches, default 0)\n"
     "  unknownTypes  array of integers: port-mapper request types to answer as an older peer\n"
     "                (reply status 255, error 1)\n"
     "  pmPort        integer: port of the port-mapper service (default any free port)\n"
@@ -93,12 +104,20 @@ const char kUsage[] =
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc == 6 && std::strcmp(argv[1], "--fsm-process") == 0) {
+    velm::sim::runFsmProcess(argv[2], std::atoi(argv[3]), std::strtoull(argv[4], nullptr, 10),
+                             static_cast<pid_t>(std::atoi(argv[5])));
+  }
   velm::sim::SimPmOptions options;
   int status = velm::sim::parseSimFlags("velm-simpm", kUsage, argc, argv,
                                         {{"--root", &options.root},
                                          {"--listen", &options.listen},
                                          {"--config", &options.configPath}});
   if (status >= 0) return status;
+
+  std::error_code ec;
+  // Our own program, from the real /proc whatever VELM_PROCFS says.
+  options.fsmProcessProgram = std::filesystem::read_symlink("/proc/self/exe", ec).string();
 
   velm::sim::SimPortMapper server;
   // Handlers first: whoever starts us may stop us as soon as we say we listen.

@@ -192,7 +192,7 @@ struct PmSide {
     l.port = f.port;
     l.priority = f.priority;
     l.active = f.active;
-    l.pid = f.pid;
+    l.pid = reportedPid(f);
     l.serviceType = f.serviceType;
     l.addr = p.fsmAddress(f);
     return l;

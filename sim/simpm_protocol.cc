@@ -92,7 +92,7 @@ std::size_t SimPmProtocol::getSocket(std::uint8_t* msg, std::uint16_t type) {
       std::memcpy(msg + kPmAddr, a.s6_addr, 16);
     else if (AddrIsMapped(&a))
       std::memcpy(msg + kPmIpv4, a.s6_addr + 12, 4);
-    put_be32(msg + kPmWord, static_cast<std::uint32_t>(found->pid));
+    put_be32(msg + kPmWord, static_cast<std::uint32_t>(reportedPid(*found)));
   }
   simLog("get socket 0x%04x '%s' -> status %u port %d", type, name, status,
          found ? found->port : 0);
@@ -100,8 +100,18 @@ std::size_t SimPmProtocol::getSocket(std::uint8_t* msg, std::uint16_t type) {
   return kPmMsgLen;
 }
 
+void SimPmProtocol::syncProcesses() {
+  std::scoped_lock lock(pmMutex_);
+  processes_.reconcile(config_.fsms, [this](const SimFsm& f) {
+    struct in6_addr a = fsmAddress(f);
+    return IN6_CMP(&a, &listen_) == 0;
+  });
+}
+
 std::size_t SimPmProtocol::framedRequest(PmConnection& conn, std::uint8_t* msg, std::size_t len,
                                          std::size_t cap) {
+  // What a list shows is what runs.
+  syncProcesses();
   if (len < kPmType + 2 || cap < kPmMsgLen) {
     simLog("%s: framed message of %zu bytes is too short for a request", conn.peer.c_str(), len);
     return unknownReply(msg, len < kFrameHeaderLen ? kFrameHeaderLen : len);

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "sim/simpm_config.h"
+#include "sim/simpm_fsm_process.h"
 
 namespace velm::sim {
 
@@ -70,6 +71,14 @@ class SimPmProtocol {
     lunTablePath_ = std::move(path);
     configuredDisks_ = config_.disks;
   }
+  // Companion processes run as program (empty: none); syncProcesses() brings them in line with
+  // the table, before and after each request.
+  void setFsmProcessProgram(std::string program) {
+    std::scoped_lock lock(pmMutex_);
+    processes_.setProgram(std::move(program));
+  }
+  void syncProcesses();
+
   // Drops stopped FSMs that came from fsmlist and are no longer listed there; then, when
   // startName is listed but not in the table, adds it, stopped, for the start to run.
   void syncFsmList(const std::string& startName);
@@ -96,6 +105,7 @@ class SimPmProtocol {
   std::string lunTablePath_;
   std::vector<SimDisk> configuredDisks_;
   FsmListenerFactory listenFsm_;
+  SimFsmProcesses processes_;  // guarded by pmMutex_
   // Serializes syncFsmList (taken before pmMutex_), so one name is added once.
   std::mutex fsmListMutex_;
 };

@@ -122,6 +122,9 @@ bool SimPortMapper::start(const SimPmOptions& options, std::string* error) {
     if (!listenOn(a, fsm.port, Listener::Fsm, i, &fsm.port, error)) return false;
   }
 
+  protocol_->setFsmProcessProgram(options.fsmProcessProgram);
+  protocol_->syncProcesses();
+
   int pipefd[2];
   if (::pipe2(pipefd, O_CLOEXEC | O_NONBLOCK) != 0) {
     *error = std::string("pipe: ") + std::strerror(errno);
@@ -233,7 +236,9 @@ void SimPortMapper::servePortMapper(int fd, const std::string& peer) {
         static_cast<ssize_t>(len - kFrameHeaderLen))
       return;
     if (!framed) {
-      if (!protocol_->unframedRequest(conn, buf.data())) return;
+      bool keep = protocol_->unframedRequest(conn, buf.data());
+      protocol_->syncProcesses();
+      if (!keep) return;
       continue;
     }
     if (conn.authRequired && !conn.authenticated) {
@@ -241,6 +246,8 @@ void SimPortMapper::servePortMapper(int fd, const std::string& peer) {
       return;
     }
     std::size_t replyLen = protocol_->framedRequest(conn, buf.data(), len, buf.size());
+    // A stopped FSM's process is gone before its caller hears so.
+    protocol_->syncProcesses();
     if (!sendAll(fd, buf.data(), replyLen)) return;
   }
 }

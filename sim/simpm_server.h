@@ -23,6 +23,7 @@ struct SimPmOptions {
   std::string root;  // sandbox root: its DRFS root holds fsports and .auth_secret
   std::string listen = "127.0.0.1";
   std::string configPath;  // empty: <root>/simpm.plist when it exists
+  std::string fsmProcessProgram;  // what FSM processes run as (simpm_fsm_process.h); empty: none
 };
 
 class SimPortMapper {

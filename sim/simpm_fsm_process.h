@@ -1,0 +1,52 @@
+// The processes of the stand-in's local FSMs: each running local FSM without a configured pid is
+// a child process ("fsm" in the process table) that burns its share of a CPU and touches its
+// resident memory, so the plugin's process sampler has something real to read.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <string>
+#include <utility>
+
+namespace velm::sim {
+
+struct SimFsm;
+
+class SimFsmProcesses {
+ public:
+  SimFsmProcesses() = default;
+  ~SimFsmProcesses();
+  SimFsmProcesses(const SimFsmProcesses&) = delete;
+  SimFsmProcesses& operator=(const SimFsmProcesses&) = delete;
+
+  // The program a companion runs as ("PROGRAM --fsm-process ..."); empty: no companions.
+  void setProgram(std::string program) { program_ = std::move(program); }
+
+  // Starts a process for every slot that should have one and ends the others; an FSM that
+  // changed between active and standby gets a new one (the old one failed away). Sets each
+  // slot's processPid. The caller holds the lock that guards fsms.
+  void reconcile(std::deque<SimFsm>& fsms, const std::function<bool(const SimFsm&)>& isLocal);
+
+  // Ends every process.
+  void endAll();
+
+ private:
+  struct Child {
+    pid_t pid = 0;
+    bool active = false;
+  };
+  void end(Child& child);
+  std::string program_;
+  std::map<std::size_t, Child> children_;  // by slot
+};
+
+// The body of a companion process (velm-simpm --fsm-process NAME LOAD BYTES PARENT); never
+// returns.
+[[noreturn]] void runFsmProcess(const std::string& name, int cpuLoad, std::uint64_t residentBytes,
+                                pid_t parent);
+
+}  // namespace velm::sim

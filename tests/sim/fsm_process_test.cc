@@ -1,0 +1,156 @@
+// velm-simpm's FSM processes: a running local FSM is a real child whose pid the list reports,
+// linked into a sandbox process table; it ends with a stop, a fail-over gives a new one, and a
+// configured pid still wins.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <cerrno>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "adminlib/auth.h"
+#include "adminlib/fsmcomm.h"
+#include "adminlib/qmadminlib.h"
+#include "adminlib/subr2.h"
+#include "support/ports.h"
+#include "support/sim_process.h"
+
+namespace velm::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string readText(const std::string& path) {
+  std::ifstream in(path);
+  return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// Field 24 of /proc/<pid>/stat, in bytes.
+long long residentBytes(int pid) {
+  std::string stat = readText("/proc/" + std::to_string(pid) + "/stat");
+  std::size_t close = stat.rfind(')');
+  if (close == std::string::npos) return -1;
+  std::istringstream fields(stat.substr(close + 2));
+  std::string field;
+  for (int i = 3; i <= 24 && fields >> field; ++i)
+    if (i == 24) return std::stoll(field) * ::sysconf(_SC_PAGESIZE);
+  return -1;
+}
+
+bool gone(int pid) { return ::kill(pid, 0) != 0 && errno == ESRCH; }
+
+class FsmProcessTest : public SandboxTest {
+ protected:
+  void SetUp() override {
+    sandbox_.write("/Library/Filesystems/Velm/config/fsports",
+                   "altpmap " + std::to_string(freeLoopbackPort()) + "\n");
+    sandbox_.write("/proc/self/mountinfo", "");
+    AltGetportResetForTest();
+    SetAuthenticateConnection(0);
+    authentication_check();
+    QMAdmin_Teardown();
+    QMAdmin_Init();
+    QMAdmin_SetPrivilegedForTest(1);
+  }
+  void TearDown() override {
+    QMAdmin_Teardown();
+    AltGetportResetForTest();
+  }
+  bool startSim() {
+    return sim_.start("velm-simpm", {"--root", sandbox_.root()}, "listening on",
+                      {{"VELM_PROCFS", sandbox_.path("/proc")}});
+  }
+  std::vector<QMAdminFsmRecord> walk(int h) {
+    std::vector<QMAdminFsmRecord> out;
+    char err[ADMIN_ERRBUF_LEN] = {};
+    for (int i = 0; i < 100; ++i) {
+      QMAdminFsmRecord rec{};
+      if (QMAdmin_NSListFsm(h, i, &rec, err) != 0) break;
+      out.push_back(rec);
+    }
+    return out;
+  }
+  int pidOf(int h, const std::string& name, int state) {
+    for (const QMAdminFsmRecord& r : walk(h))
+      if (name == r.name && r.state == state) return r.pid;
+    return -1;
+  }
+
+  SimProcess sim_;
+};
+
+TEST_F(FsmProcessTest, RunningFsmsAreRealProcessesThatEndWithTheirFsm) {
+  sandbox_.write("/simpm.plist",
+                 "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
+                 "<key>fsms</key><array>"
+                 "<dict><key>name</key><string>busy</string>"
+                 "<key>residentBytes</key><integer>33554432</integer>"
+                 "<key>cpuLoad</key><integer>5</integer></dict>"
+                 "<dict><key>name</key><string>busy</string><key>active</key><false/>"
+                 "<key>priority</key><integer>1</integer></dict>"
+                 "<dict><key>name</key><string>fixed</string><key>pid</key>"
+                 "<integer>4242</integer></dict>"
+                 "</array>\n</dict>\n</plist>\n");
+  ASSERT_TRUE(startSim()) << sim_.stderrText();
+  char err[ADMIN_ERRBUF_LEN] = {};
+  int h = QMAdmin_NSConnect("127.0.0.1", err);
+  ASSERT_GE(h, 0) << err;
+
+  EXPECT_EQ(pidOf(h, "fixed", QMADMIN_STATE_ACTIVE), 4242);
+  EXPECT_FALSE(fs::exists(fs::symlink_status(sandbox_.path("/proc/4242"))));
+  int active = pidOf(h, "busy", QMADMIN_STATE_ACTIVE);
+  int standby = pidOf(h, "busy", QMADMIN_STATE_STANDBY);
+  ASSERT_GT(active, 0);
+  ASSERT_GT(standby, 0);
+  EXPECT_NE(active, standby);
+  EXPECT_EQ(readText("/proc/" + std::to_string(active) + "/comm"), "fsm\n");
+  EXPECT_EQ(fs::read_symlink(sandbox_.path("/proc/" + std::to_string(active))).string(),
+            "/proc/" + std::to_string(active));
+  EXPECT_EQ(fs::read_symlink(sandbox_.path("/proc/stat")).string(), "/proc/stat");
+  // The memory is touched at once, before the first burst of work.
+  long long rss = 0;
+  for (int i = 0; i < 200 && rss < 32LL << 20; ++i) {
+    rss = residentBytes(active);
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_GE(rss, 32LL << 20);
+
+  // The active one fails away to the standby: both get new processes.
+  ASSERT_EQ(QMAdmin_FSMStop(h, "busy", 1, err), QMFS_OK) << err;
+  int nowActive = pidOf(h, "busy", QMADMIN_STATE_ACTIVE);
+  int nowStandby = pidOf(h, "busy", QMADMIN_STATE_STANDBY);
+  EXPECT_TRUE(gone(active));
+  EXPECT_TRUE(gone(standby));
+  EXPECT_GT(nowActive, 0);
+  EXPECT_GT(nowStandby, 0);
+  EXPECT_FALSE(fs::exists(fs::symlink_status(sandbox_.path("/proc/" + std::to_string(active)))));
+
+  // A stop ends the process before its answer comes back.
+  ASSERT_EQ(QMAdmin_FSMStopByHost(h, "fixed", "127.0.0.1", err), QMFS_OK) << err;
+  ASSERT_EQ(QMAdmin_FSMStopByHost(h, "busy", "127.0.0.1", err), QMFS_OK) << err;
+  EXPECT_TRUE(gone(nowActive));
+  QMAdmin_NSDisconnect(h);
+
+  EXPECT_EQ(sim_.stop(), 0) << sim_.stderrText();
+  EXPECT_TRUE(gone(nowStandby));
+  EXPECT_FALSE(fs::exists(fs::symlink_status(sandbox_.path("/proc/" + std::to_string(nowStandby)))));
+}
+
+TEST_F(FsmProcessTest, LoadOutsideAPercentageIsRefused) {
+  sandbox_.write("/simpm.plist",
+                 "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
+                 "<key>fsms</key><array><dict><key>name</key><string>v</string>"
+                 "<key>cpuLoad</key><integer>150</integer></dict></array>\n</dict>\n</plist>\n");
+  EXPECT_FALSE(startSim());
+  EXPECT_NE(sim_.stderrText().find("'cpuLoad' is not a percentage"), std::string::npos)
+      << sim_.stderrText();
+}
+
+}  // namespace
+}  // namespace velm::test
