@@ -104,6 +104,13 @@ void SimFsmProcesses::reconcile(std::deque<SimFsm>& fsms,
     SimFsm& f = fsms[i];
     bool wanted = f.running && !f.dropped && f.pid == 0 && isLocal(f);
     auto it = children_.find(i);
+    // One that ended by itself is reaped and, when still wanted, started again.
+    if (it != children_.end() && ::waitpid(it->second.pid, nullptr, WNOHANG) == it->second.pid) {
+      simLog("fsm '%s': process %d ended", f.name.c_str(), static_cast<int>(it->second.pid));
+      unlinkFromSandbox(it->second.pid);
+      children_.erase(it);
+      it = children_.end();
+    }
     if (it != children_.end() && (!wanted || it->second.active != f.active)) {
       end(it->second);
       children_.erase(it);
@@ -127,8 +134,8 @@ void SimFsmProcesses::reconcile(std::deque<SimFsm>& fsms,
 void runFsmProcess(const std::string& name, int cpuLoad, std::uint64_t residentBytes,
                    pid_t parent) {
   ::prctl(PR_SET_NAME, "fsm", 0, 0, 0);
-  ::prctl(PR_SET_PDEATHSIG, SIGKILL, 0, 0, 0);
-  if (::getppid() != parent) std::_Exit(0);  // the port mapper went before we could tell
+  // No PR_SET_PDEATHSIG: it fires when the spawning thread ends, and connection threads do.
+  // The port mapper's end is seen at each period instead.
   (void)name;
   if (residentBytes > 0) {
     void* memory = ::mmap(nullptr, residentBytes, PROT_READ | PROT_WRITE,
@@ -144,13 +151,14 @@ void runFsmProcess(const std::string& name, int cpuLoad, std::uint64_t residentB
   const std::uint64_t period = 100000;
   const std::uint64_t busy = period * static_cast<std::uint64_t>(std::clamp(cpuLoad, 0, 100)) / 100;
   Clock& c = clock();
-  for (;;) {
+  while (::getppid() == parent) {
     std::uint64_t start = c.monotonicMicros();
     while (c.monotonicMicros() - start < busy) {
     }
     std::uint64_t spent = c.monotonicMicros() - start;
     if (spent < period) c.sleepMicros(period - spent);
   }
+  std::_Exit(0);
 }
 
 }  // namespace velm::sim

@@ -45,6 +45,13 @@ long long residentBytes(int pid) {
 
 bool gone(int pid) { return ::kill(pid, 0) != 0 && errno == ESRCH; }
 
+// Running or sleeping, not a zombie.
+bool alive(int pid) {
+  std::string stat = readText("/proc/" + std::to_string(pid) + "/stat");
+  std::size_t close = stat.rfind(')');
+  return close != std::string::npos && close + 2 < stat.size() && stat[close + 2] != 'Z';
+}
+
 class FsmProcessTest : public SandboxTest {
  protected:
   void SetUp() override {
@@ -130,6 +137,13 @@ TEST_F(FsmProcessTest, RunningFsmsAreRealProcessesThatEndWithTheirFsm) {
   EXPECT_GT(nowActive, 0);
   EXPECT_GT(nowStandby, 0);
   EXPECT_FALSE(fs::exists(fs::symlink_status(sandbox_.path("/proc/" + std::to_string(active)))));
+  // They outlive the connection whose request started them.
+  QMAdmin_NSDisconnect(h);
+  h = QMAdmin_NSConnect("127.0.0.1", err);
+  ASSERT_GE(h, 0) << err;
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_TRUE(alive(nowActive));
+  EXPECT_EQ(pidOf(h, "busy", QMADMIN_STATE_ACTIVE), nowActive);
 
   // A stop ends the process before its answer comes back.
   ASSERT_EQ(QMAdmin_FSMStopByHost(h, "fixed", "127.0.0.1", err), QMFS_OK) << err;
