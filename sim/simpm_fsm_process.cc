@@ -25,16 +25,11 @@ extern char** environ;
 namespace velm::sim {
 namespace {
 
-// The sandbox's process table shows a companion through a link to the real entry, and the
-// machine's CPU counters through one to the real /proc/stat.
+// The sandbox's process table shows a companion through a link to the real entry.
 void linkIntoSandbox(pid_t pid) {
   std::optional<std::string> procfs = sandboxProcfsFromEnvironment();
   if (!procfs) return;
   std::error_code ec;
-  std::filesystem::create_directories(*procfs, ec);
-  std::filesystem::path stat = std::filesystem::path(*procfs) / "stat";
-  if (!std::filesystem::exists(std::filesystem::symlink_status(stat, ec)))
-    std::filesystem::create_symlink("/proc/stat", stat, ec);
   std::filesystem::create_directory_symlink("/proc/" + std::to_string(pid),
                                             *procfs + "/" + std::to_string(pid), ec);
 }
@@ -82,6 +77,19 @@ pid_t spawnCompanion(const std::string& program, const SimFsm& fsm) {
 }  // namespace
 
 SimFsmProcesses::~SimFsmProcesses() { endAll(); }
+
+void SimFsmProcesses::setProgram(std::string program) {
+  program_ = std::move(program);
+  std::optional<std::string> procfs = sandboxProcfsFromEnvironment();
+  if (program_.empty() || !procfs) return;
+  // The machine's CPU counters, for the samplers that read the sandbox's table; one a test
+  // wrote stays.
+  std::error_code ec;
+  std::filesystem::create_directories(*procfs, ec);
+  std::filesystem::path stat = std::filesystem::path(*procfs) / "stat";
+  if (!std::filesystem::exists(std::filesystem::symlink_status(stat, ec)))
+    std::filesystem::create_symlink("/proc/stat", stat, ec);
+}
 
 void SimFsmProcesses::end(Child& child) {
   if (child.pid <= 0) return;

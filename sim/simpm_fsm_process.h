@@ -23,8 +23,9 @@ class SimFsmProcesses {
   SimFsmProcesses(const SimFsmProcesses&) = delete;
   SimFsmProcesses& operator=(const SimFsmProcesses&) = delete;
 
-  // The program a companion runs as ("PROGRAM --fsm-process ..."); empty: no companions.
-  void setProgram(std::string program) { program_ = std::move(program); }
+  // The program a companion runs as ("PROGRAM --fsm-process ..."); empty: no companions. With
+  // companions, a sandbox process table gets a link to the machine's stat file.
+  void setProgram(std::string program);
 
   // Starts a process for every slot that should have one and ends the others; an FSM that
   // changed between active and standby gets a new one (the old one failed away). Sets each

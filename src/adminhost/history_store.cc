@@ -81,6 +81,9 @@ PlistData* tableFor(std::string_view name, std::size_t values, PropertyList* con
 bool appendRow(std::string_view name, const PropertyList& values, PropertyList* context) {
   const PlistArray* list = values.asArray();
   if (!context || !context->isDict() || !list) return false;
+  // A row is a change that must survive; the host decides how often that reaches the disk. Set
+  // before the table is taken: a new key may move the context's entries.
+  context->set("contextDirty", true);
   PlistData* block = tableFor(name, list->size(), context);
   Table t(*block);
   std::uint64_t now = clock().wallMicros() / 1'000'000;

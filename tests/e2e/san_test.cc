@@ -1,150 +1,9 @@
-// Two controllers side by side on loopback, each its own root, port mapper and host daemon; the
-// first also runs velmd. A volume is started, failed over, stopped and restarted through the
-// daemons, and both sides see the same SAN.
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
+// Two controllers side by side on loopback (two_controllers.h): a volume is started, failed over,
+// stopped and restarted through the daemons, and both sides see the same SAN.
+#include "e2e/two_controllers.h"
 
-#include <cstdlib>
-
-#include "config/config_test_util.h"
-#include "e2e/e2e_helpers.h"
-#include "support/ports.h"
-#include "support/run_program.h"
-#include "support/sim_process.h"
-
-namespace velm {
+namespace velm::test {
 namespace {
-
-constexpr const char* kA = "127.0.0.2";
-constexpr const char* kB = "127.0.0.3";
-constexpr const char* kUuidA = "0A0A0A0A-0000-4000-8000-00000000000A";
-constexpr const char* kUuidB = "0B0B0B0B-0000-4000-8000-00000000000B";
-
-struct Controller {
-  const char* address;
-  const char* uuid;
-  const char* peer;
-  test::SandboxRoot root;
-  std::unique_ptr<test::SimProcess> portMapper;
-  std::unique_ptr<test::Daemon> daemon;
-  std::unique_ptr<test::Client> client;
-};
-
-class TwoControllersTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    pmPort_ = test::freeLoopbackPort();
-    // As root, the daemons listen where a real SAN has them, and the default probe finds them.
-    probePort_ = ::geteuid() == 0 && onRealProbePort() ? 311 : test::freeLoopbackPort();
-    // The port was free on 127.0.0.1 when chosen; a test running beside this one may have taken
-    // it on the controllers' addresses since. Then another port will do.
-    bool running = false;
-    for (int attempt = 0; attempt < 5 && !running; ++attempt) {
-      if (attempt > 0) pmPort_ = test::freeLoopbackPort();
-      running = true;
-      for (Controller* c : {&a_, &b_}) {
-        prepare(*c);
-        c->portMapper = std::make_unique<test::SimProcess>();
-        running =
-            running &&
-            c->portMapper->start(
-                "velm-simpm", {"--root", c->root.root(), "--listen", c->address}, "listening on",
-                {{"VELM_HOST_ADDRESSES", c->address}, {"VELM_PROCFS", c->root.path("/proc")}});
-      }
-    }
-    ASSERT_TRUE(running) << a_.portMapper->stderrText() << b_.portMapper->stderrText();
-    for (Controller* c : {&a_, &b_}) {
-      // What each controller's programs take from the environment when they start.
-      ::setenv("VELM_HOST_ADDRESSES", c->address, 1);
-      if (probePort_ == 311) {
-        ::unsetenv("VELM_PROBE_PORT");
-      } else {
-        ::setenv("VELM_PROBE_PORT", std::to_string(probePort_).c_str(), 1);
-      }
-      ::setenv("VELM_PROCFS", c->root.path("/proc").c_str(), 1);
-      if (c == &a_) {
-        ASSERT_TRUE(velmd_.start("velm-simd", {"--root", c->root.root()}, "listening on"))
-            << velmd_.stderrText();
-      }
-      std::string plugins = test::makePluginDir(c->root, {{"velm", test::velmPluginPath()}});
-      c->daemon = std::make_unique<test::Daemon>(
-          c->root, plugins,
-          std::vector<std::string>{"--listen",
-                                   std::string(c->address) + ":" + std::to_string(probePort_),
-                                   "--idle-interval", "0"});
-      ASSERT_TRUE(c->daemon->start()) << c->daemon->stderrText();
-      c->client = std::make_unique<test::Client>(c->daemon->url());
-    }
-  }
-  void TearDown() override {
-    for (const char* v : {"VELM_HOST_ADDRESSES", "VELM_PROBE_PORT", "VELM_PROCFS"}) ::unsetenv(v);
-  }
-  // Only one test at a time can have the daemons on port 311 of the two addresses.
-  virtual bool onRealProbePort() const { return true; }
-
-  void prepare(Controller& c) {
-    std::string config = "/Library/Filesystems/Velm/config/";
-    c.root.write(config + "fsports", "altpmap " + std::to_string(pmPort_) + "\n");
-    c.root.write(config + "uuid", c.uuid);
-    c.root.write(
-        config + "config.plist",
-        std::string("<plist version=\"1.0\"><dict><key>role</key><string>CONTROLLER</string>") +
-            "<key>metadataNetwork</key><string>127.0.0.0/8</string><key>computers</key><array>" +
-            computer(kUuidA, kA) + computer(kUuidB, kB) + "</array></dict></plist>\n");
-    c.root.write(config + "Projects.cfg", test::kRealisticConfig);
-    // The other controller first: this machine comes up as standby and the volume stays where
-    // it starts.
-    c.root.write(config + "Projects-auxdata.plist",
-                 std::string("<plist version=\"1.0\"><dict><key>FailoverPriorities</key><array>") +
-                     priority(kUuidB) + priority(kUuidA) + "</array></dict></plist>\n");
-    c.root.write(
-        "/simpm.plist",
-        std::string("<plist version=\"1.0\"><dict><key>fsms</key><array><dict><key>name</key>") +
-            "<string>Projects</string><key>priority</key><integer>1</integer><key>running</key>"
-            "<false/></dict></array><key>peers</key><array><string>" +
-            c.peer + ":" + std::to_string(pmPort_) + "</string></array></dict></plist>\n");
-  }
-  static std::string computer(const char* uuid, const char* address) {
-    return std::string("<dict><key>uuid</key><string>") + uuid +
-           "</string><key>ipAddresses</key><array><string>" + address + "</string></array></dict>";
-  }
-  static std::string priority(const char* uuid) {
-    return std::string("<dict><key>controllerUUID</key><string>") + uuid +
-           "</string><key>enabled</key><true/></dict>";
-  }
-
-  PropertyList command(Controller& c, const std::string& name,
-                       std::vector<std::pair<std::string, PropertyList>> keys = {}) {
-    test::Reply r =
-        c.client->command("velm", test::request(name, std::move(keys)), test::readToken(c.root));
-    EXPECT_EQ(r.status, 200) << name << ": " << r.body;
-    return r.plist ? *r.plist : PropertyList();
-  }
-  PropertyList setState(Controller& c, const char* state) {
-    return command(c, "setVolumeState",
-                   {{"name", PropertyList("Projects")}, {"state", PropertyList(state)}});
-  }
-  PropertyList details(Controller& c, const char* volume = "Projects") {
-    return command(c, "getVolumeState",
-                   {{"name", PropertyList(volume)}, {"variant", PropertyList("withDetails")}});
-  }
-  static long long status(const PropertyList& r) {
-    const PropertyList* s = r.get("status");
-    return s ? s->int64Value().value_or(-99) : -99;
-  }
-  static std::string text(const PropertyList& r, const char* key) {
-    const std::string* s = r.getString(key);
-    return s ? *s : "(none)";
-  }
-
-  int pmPort_ = 0, probePort_ = 0;
-  Controller a_{kA, kUuidA, kB, {}, nullptr, nullptr, nullptr};
-  Controller b_{kB, kUuidB, kA, {}, nullptr, nullptr, nullptr};
-  test::SimProcess velmd_;
-};
 
 TEST_F(TwoControllersTest, StartFailOverStopAndRestartSeenFromBothSides) {
   EXPECT_EQ(text(details(b_), "state"), "STOPPED");
@@ -182,18 +41,13 @@ TEST_F(TwoControllersTest, StartFailOverStopAndRestartSeenFromBothSides) {
   EXPECT_NE(a_.root.read("/proc/self/mountinfo").find(" - qufs Projects rw"), std::string::npos);
 }
 
-class TwoControllersOnAnyPortTest : public TwoControllersTest {
- protected:
-  bool onRealProbePort() const override { return false; }
-};
-
 TEST_F(TwoControllersOnAnyPortTest, CreateOnBothStartAndDeleteLocallyThenEverywhere) {
   // One command on each controller: each writes its own files and its own fsmlist line.
   PropertyList media = command(a_, "getVolumes").get("volumes")->asArray()->front();
   media.set("Name", "Media");
   media.set("FailoverPriority", PlistArray{PropertyList(kB), PropertyList(kA)});
   for (Controller* c : {&a_, &b_}) {
-    test::installSimTools(c->root);
+    installSimTools(c->root);
     PropertyList r = command(*c, "addVolumes",
                              {{"volumes", PlistArray{media}}, {"initialize", PropertyList(true)}});
     ASSERT_TRUE(r.get("status")) << describe(r);
@@ -227,39 +81,8 @@ TEST_F(TwoControllersOnAnyPortTest, CreateOnBothStartAndDeleteLocallyThenEverywh
   for (Controller* c : {&a_, &b_}) EXPECT_EQ(command(*c, "getVolumes").get("volumes")->size(), 1u);
 }
 
-// Commands as an administrator gives them: velmadmin against each controller's daemon.
-class VelmadminOnTwoControllersTest : public TwoControllersOnAnyPortTest {
- protected:
-  // velmadmin --server, the request as a plist file; the answer it printed.
-  PropertyList velmadmin(Controller& c, const std::string& name,
-                         std::vector<std::pair<std::string, PropertyList>> keys = {}) {
-    std::string file =
-        c.root.write("/request.plist", writeXmlPlist(test::request(name, std::move(keys))));
-    test::ProgramResult r = test::runProgram(
-        "velmadmin", {"--server", c.daemon->url(), "--token-file",
-                      c.root.path("/var/adminhostd/admin.token"), "--request", file});
-    EXPECT_EQ(r.status, 0) << name << ": " << r.err;
-    PlistReadResult answer = readXmlPlist(r.out);
-    return answer ? *answer.value : PropertyList();
-  }
-  // readProgress until the task ends; every answer, in order.
-  std::vector<PropertyList> progressUntilDone(Controller& c) {
-    std::vector<PropertyList> answers;
-    // Until the tool's first status a task reads as done: wait for it.
-    for (int i = 0; i < 500 && !c.root.exists("/var/run/drupdatefs_status_Projects.plist"); ++i)
-      ::usleep(10000);
-    for (int i = 0; i < 1500; ++i) {
-      if (i > 0) ::usleep(20000);
-      answers.push_back(velmadmin(c, "readProgress", {{"volumeName", PropertyList("Projects")}}));
-      const PropertyList* percent = answers.back().get("percentComplete");
-      if (answers.back().get("ProgressDone") || (percent && percent->doubleValue() >= 100.0)) break;
-    }
-    return answers;
-  }
-};
-
 TEST_F(VelmadminOnTwoControllersTest, ExpandARunningVolumeLeaveItsFailoverAndRenameItStopped) {
-  test::installSimTools(a_.root);
+  installSimTools(a_.root);
   a_.root.write(
       "/sim/tools/drupdatefs.plist",
       "<plist version=\"1.0\"><dict><key>stepSeconds</key><real>0.1</real></dict></plist>\n");
@@ -380,4 +203,4 @@ TEST_F(VelmadminOnTwoControllersTest, QuotasOnARunningVolumeAndNotes) {
 }
 
 }  // namespace
-}  // namespace velm
+}  // namespace velm::test
