@@ -17,7 +17,10 @@ namespace velm {
 namespace {
 
 LaunchResult toLaunchResult(ProcessResult&& r) {
-  return LaunchResult{r.status, std::move(r.output), std::move(r.error)};
+  LaunchResult out{r.status, std::move(r.output), std::move(r.error)};
+  out.spawnError = r.spawnError;
+  out.timedOut = r.timedOut;
+  return out;
 }
 
 std::string_view trimmed(std::string_view s) {
@@ -75,14 +78,24 @@ PropertyList addressEntry(std::string_view family, const std::string& address,
 }  // namespace
 
 LaunchResult launch_task(const std::string& path, const std::vector<std::string>& args,
-                         const std::map<std::string, std::string>& env) {
-  return toLaunchResult(runProcess(path, args, {}, env));
+                         const std::map<std::string, std::string>& env,
+                         std::uint64_t deadlineMicros) {
+  return toLaunchResult(runProcess(path, args, {}, env, ProcessLimits{deadlineMicros}));
 }
 
 LaunchResult launch_task_with_input(const std::string& path, const std::vector<std::string>& args,
                                     std::string_view input,
-                                    const std::map<std::string, std::string>& env) {
-  return toLaunchResult(runProcess(path, args, input, env));
+                                    const std::map<std::string, std::string>& env,
+                                    std::uint64_t deadlineMicros) {
+  return toLaunchResult(runProcess(path, args, input, env, ProcessLimits{deadlineMicros}));
+}
+
+LaunchResult launch_task_with_input_and_environment(const std::string& path,
+                                                    const std::vector<std::string>& args,
+                                                    std::string_view input,
+                                                    const std::map<std::string, std::string>& env,
+                                                    std::uint64_t deadlineMicros) {
+  return launch_task_with_input(path, args, input, env, deadlineMicros);
 }
 
 PropertyList get_interfaces_info() {

@@ -2,6 +2,7 @@
 // the directory service.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <set>
 #include <string>
@@ -16,16 +17,27 @@ struct LaunchResult {
   int status = -1;     // exit code; 128 + signal when killed; -1 when it could not be started
   std::string output;  // standard output
   std::string error;   // standard error
+  int spawnError = 0;  // errno of a start that failed (status -1)
+  bool timedOut = false;  // stopped at its deadline
 };
 
 // Runs path with args (args[0] is not the program name: it is added) to its end; no shell.
-// env entries are added to (or replace) the inherited environment.
+// env entries are added to (or replace) the inherited environment. A deadline (microseconds,
+// 0: none) stops the tool and whatever it started (ProcessLimits of platform/process.h).
 LaunchResult launch_task(const std::string& path, const std::vector<std::string>& args,
-                         const std::map<std::string, std::string>& env = {});
+                         const std::map<std::string, std::string>& env = {},
+                         std::uint64_t deadlineMicros = 0);
 // The same, feeding input on standard input.
 LaunchResult launch_task_with_input(const std::string& path, const std::vector<std::string>& args,
                                     std::string_view input,
-                                    const std::map<std::string, std::string>& env = {});
+                                    const std::map<std::string, std::string>& env = {},
+                                    std::uint64_t deadlineMicros = 0);
+// The same, with environment entries for the tool.
+LaunchResult launch_task_with_input_and_environment(const std::string& path,
+                                                    const std::vector<std::string>& args,
+                                                    std::string_view input,
+                                                    const std::map<std::string, std::string>& env,
+                                                    std::uint64_t deadlineMicros = 0);
 
 // The process table ($VELM_PROCFS): a process's name is the base name of its argv[0], else its
 // comm. A process lives while it can be signalled and is no zombie.

@@ -30,6 +30,13 @@ constexpr std::string_view kCommands[] = {
 const std::map<std::string_view, VelmPlugin::Handler>& handlers() {
   static const std::map<std::string_view, VelmPlugin::Handler> table = {
       {"getStateWithRequest:", &VelmPlugin::getStateWithRequest},
+      {"getNotificationsConfigurationWithRequest:",
+       &VelmPlugin::getNotificationsConfigurationWithRequest},
+      {"setNotificationsConfigurationWithRequest:",
+       &VelmPlugin::setNotificationsConfigurationWithRequest},
+      {"getNotificationsTypesWithRequest:", &VelmPlugin::getNotificationsTypesWithRequest},
+      {"sendNotificationWithRequest:", &VelmPlugin::sendNotificationWithRequest},
+      {"sendFailoverWithRequest:", &VelmPlugin::sendFailoverWithRequest},
       {"doIdleWithRequest:", &VelmPlugin::doIdleWithRequest},
       {"getComputerPropertiesWithRequest:", &VelmPlugin::getComputerPropertiesWithRequest},
       {"readSettingsWithRequest:", &VelmPlugin::readSettingsWithRequest},

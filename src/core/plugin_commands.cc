@@ -2,13 +2,12 @@
 // getComputerProperties.
 #include <sys/stat.h>
 
-#include <sys/stat.h>
-
 #include <stdexcept>
 
 #include "core/san_computer.h"
 #include "core/velm_plugin.h"
 #include "gateway/san_filesystem.h"
+#include "notify/notification_config.h"
 #include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/log.h"
@@ -19,12 +18,6 @@
 #include "volumes/volume_state.h"
 
 namespace velm {
-
-std::optional<PropertyList> getNotificationDictionary() {
-  std::optional<PropertyList> dict = readDictionaryFile(configPath("notifications.plist"));
-  if (!dict) NLog("getNotificationDictionary: No notifications dictionary.");
-  return dict;
-}
 
 std::optional<PropertyList> VelmPlugin::getStateWithRequest(const PropertyList&) {
   PropertyList r = PropertyList::dict();

@@ -80,6 +80,12 @@ class VelmPlugin : public PluginRequestHandler {
   std::optional<PropertyList> changeVolumeSettingsWithRequest(const PropertyList& request);
   std::optional<PropertyList> changeStripeGroupSettingsWithRequest(const PropertyList& request);
   std::optional<PropertyList> renameVolumeWithRequest(const PropertyList& request);
+  // Notifications.
+  std::optional<PropertyList> getNotificationsConfigurationWithRequest(const PropertyList& request);
+  std::optional<PropertyList> setNotificationsConfigurationWithRequest(const PropertyList& request);
+  std::optional<PropertyList> getNotificationsTypesWithRequest(const PropertyList& request);
+  std::optional<PropertyList> sendNotificationWithRequest(const PropertyList& request);
+  std::optional<PropertyList> sendFailoverWithRequest(const PropertyList& request);
   // Long tasks.
   std::optional<PropertyList> readProgressWithRequest(const PropertyList& request);
   std::optional<PropertyList> runDotCleanWithRequest(const PropertyList& request);
@@ -131,8 +137,5 @@ class VelmPlugin : public PluginRequestHandler {
   // After the lock: destroyed first, so the event thread ends before the lock goes.
   std::unique_ptr<HostEvents> events_;
 };
-
-// The notification settings file as a dictionary; nothing (logged) when missing or unreadable.
-std::optional<PropertyList> getNotificationDictionary();
 
 }  // namespace velm

@@ -8,9 +8,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <ctime>
 
+#include "platform/clock.h"
 #include "platform/unique_fd.h"
 
 extern char** environ;
@@ -134,7 +136,8 @@ int waitForExit(pid_t pid) {
 }  // namespace
 
 ProcessResult runProcess(const std::string& path, const std::vector<std::string>& args,
-                         std::string_view input, const std::map<std::string, std::string>& env) {
+                         std::string_view input, const std::map<std::string, std::string>& env,
+                         const ProcessLimits& limits) {
   ProcessResult result;
   Pipe in, out, err;
   for (Pipe* p : {&in, &out, &err}) {
@@ -159,7 +162,13 @@ ProcessResult runProcess(const std::string& path, const std::vector<std::string>
   sigaddset(&defaults, SIGCHLD);
   ::posix_spawnattr_setsigmask(attr.get(), &emptyMask);
   ::posix_spawnattr_setsigdefault(attr.get(), &defaults);
-  ::posix_spawnattr_setflags(attr.get(), POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  short flags = POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF;
+  // With a deadline the child leads a group of its own, so what it starts is stopped with it.
+  if (limits.deadlineMicros) {
+    ::posix_spawnattr_setpgroup(attr.get(), 0);
+    flags |= POSIX_SPAWN_SETPGROUP;
+  }
+  ::posix_spawnattr_setflags(attr.get(), flags);
 
   std::vector<std::string> argStore;
   argStore.reserve(args.size() + 1);
@@ -186,9 +195,31 @@ ProcessResult runProcess(const std::string& path, const std::vector<std::string>
   ::fcntl(in.write.get(), F_SETFL, ::fcntl(in.write.get(), F_GETFL) | O_NONBLOCK);
   if (input.empty()) in.write.reset();
 
+  Clock& time = clock();
+  const std::uint64_t start = time.monotonicMicros();
+  const std::uint64_t killGraceMicros = 2'000'000;
+  int signalled = 0;  // 0, SIGTERM, SIGKILL: how far the deadline went
   {
     SigpipeBlock block;
     while (out.read || err.read || in.write) {
+      int waitMs = -1;
+      if (limits.deadlineMicros) {
+        std::uint64_t elapsed = time.monotonicMicros() - start;
+        std::uint64_t next = signalled == 0 ? limits.deadlineMicros
+                                            : limits.deadlineMicros + killGraceMicros;
+        if (elapsed >= next) {
+          if (signalled == SIGKILL) break;  // let the pipes go: a grandchild may hold them
+          signalled = signalled == 0 ? SIGTERM : SIGKILL;
+          result.timedOut = true;
+          ::kill(-pid, signalled);
+          // Our own end of its input goes too, so a child blocked writing to us or reading
+          // from us sees it.
+          in.write.reset();
+          continue;
+        }
+        // In slices, so a clock that moves other than in real time is seen soon.
+        waitMs = static_cast<int>(std::min<std::uint64_t>((next - elapsed + 999) / 1000, 100));
+      }
       struct pollfd fds[3];
       int count = 0;
       int outIx = -1, errIx = -1, inIx = -1;
@@ -204,7 +235,8 @@ ProcessResult runProcess(const std::string& path, const std::vector<std::string>
         inIx = count;
         fds[count++] = {in.write.get(), POLLOUT, 0};
       }
-      if (::poll(fds, static_cast<nfds_t>(count), -1) < 0) {
+      if (count == 0) break;
+      if (::poll(fds, static_cast<nfds_t>(count), waitMs) < 0) {
         if (errno == EINTR) continue;
         break;  // closing our ends below makes the child finish
       }
@@ -225,6 +257,32 @@ ProcessResult runProcess(const std::string& path, const std::vector<std::string>
   in.write.reset();
   out.read.reset();
   err.read.reset();
+  if (limits.deadlineMicros) {
+    // The pipes closed before the deadline, yet the child may still run: hold it to the same
+    // deadline without blocking past it.
+    for (;;) {
+      int wstatus = 0;
+      pid_t r = ::waitpid(pid, &wstatus, WNOHANG);
+      if (r == pid) {
+        result.status = WIFEXITED(wstatus)     ? WEXITSTATUS(wstatus)
+                        : WIFSIGNALED(wstatus) ? 128 + WTERMSIG(wstatus)
+                                               : -1;
+        return result;
+      }
+      if (r < 0 && errno != EINTR) return result;
+      std::uint64_t elapsed = time.monotonicMicros() - start;
+      if (signalled == 0 && elapsed >= limits.deadlineMicros) {
+        signalled = SIGTERM;
+        result.timedOut = true;
+        ::kill(-pid, SIGTERM);
+      } else if (signalled == SIGTERM && elapsed >= limits.deadlineMicros + killGraceMicros) {
+        signalled = SIGKILL;
+        ::kill(-pid, SIGKILL);
+        break;
+      }
+      time.sleepMicros(10'000);
+    }
+  }
   result.status = waitForExit(pid);
   return result;
 }

@@ -55,7 +55,7 @@ TEST_F(DispatchTest, MalformedCommandsAreRefusedWithoutResponseOrLockFdChange) {
       {command("GETSTATE"), "Command to dispatch is unknown"},
       {command("testPerformance"), "Command to dispatch is unknown"},
       {command("tailFile"), "Does not respond to tailFileWithRequest:"},
-      {command("sendNotification"), "Does not respond to sendNotificationWithRequest:"},
+      {command("getDirbaseRecords"), "Does not respond to getDirbaseRecordsWithRequest:"},
   };
   for (const Case& c : cases) {
     log_.clear();
