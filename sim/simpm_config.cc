@@ -69,6 +69,7 @@ bool loadSimPmConfig(const std::string& path, SimPmConfig* config, std::string* 
         return false;
       fsm.capabilities = static_cast<std::uint32_t>(caps);
       if (const PropertyList* active = entry.get("active")) fsm.active = active->boolValue();
+      if (const std::string* dir = entry.getString("contentDir")) fsm.contentDir = *dir;
       if (const std::string* address = entry.getString("address")) {
         struct in6_addr a;
         if (!parseAddress(*address, &a)) {
@@ -86,6 +87,21 @@ bool loadSimPmConfig(const std::string& path, SimPmConfig* config, std::string* 
         return false;
       }
       config->fsms.push_back(fsm);
+    }
+  }
+  if (const PropertyList* hook = top.get("failoverHook")) {
+    const PlistArray* words = hook->asArray();
+    if (!words || words->empty()) {
+      *error = "'failoverHook' is not a non-empty array of strings";
+      return false;
+    }
+    for (const PropertyList& w : *words) {
+      const std::string* s = w.asString();
+      if (!s) {
+        *error = "'failoverHook' holds a value that is not a string";
+        return false;
+      }
+      config->failoverHook.push_back(*s);
     }
   }
   if (const PropertyList* unknown = top.get("unknownTypes")) {

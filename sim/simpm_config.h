@@ -28,6 +28,9 @@ struct SimFsm {
   int processPid = 0;   // the companion process (simpm_fsm_process.h), while it runs
   int cpuLoad = 0;      // percent of one CPU the companion burns
   std::uint64_t residentBytes = 0;  // memory the companion touches
+  // What the volume holds: its free space is its size less the files there. Empty:
+  // <root>/Volumes/<name>; a folder that isn't there leaves the configured free space.
+  std::string contentDir;
   std::string address;  // empty: the listen address
   std::uint32_t capabilities = 1;
   // Its admin side (simpm_fsm_*.cc); copies of this entry share it.
@@ -84,6 +87,8 @@ struct SimPmConfig {
   std::vector<SimCctl> cctls;
   std::uint32_t cctlGeneration = 1;
   std::vector<std::string> peers;  // other port mappers of the SAN: "addr" or "addr:port"
+  // Run after a standby here took over ("%v" the volume, "%h" this machine's address).
+  std::vector<std::string> failoverHook;
 };
 
 // Reads an XML plist dictionary. Returns false with a reason for a malformed file or key.

@@ -103,11 +103,38 @@ void SimFsmProcesses::end(Child& child) {
 void SimFsmProcesses::endAll() {
   for (auto& [slot, child] : children_) end(child);
   children_.clear();
+  for (pid_t pid : hooks_)
+    while (::waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+    }
+  hooks_.clear();
+}
+
+void SimFsmProcesses::runHook(const std::string& volume) {
+  if (hook_.empty()) return;
+  std::vector<std::string> words;
+  for (std::string w : hook_) {
+    for (auto [from, to] : {std::pair<std::string, std::string>{"%v", volume}, {"%h", hookHost_}})
+      for (std::size_t at = w.find(from); at != std::string::npos; at = w.find(from, at + to.size()))
+        w.replace(at, from.size(), to);
+    words.push_back(std::move(w));
+  }
+  std::vector<char*> argv;
+  for (std::string& w : words) argv.push_back(w.data());
+  argv.push_back(nullptr);
+  pid_t pid = 0;
+  int e = ::posix_spawnp(&pid, argv[0], nullptr, nullptr, argv.data(), environ);
+  if (e != 0) {
+    simLog("'%s': failover hook %s: %s", volume.c_str(), argv[0], std::strerror(e));
+    return;
+  }
+  simLog("'%s': took over; failover hook is process %d", volume.c_str(), static_cast<int>(pid));
+  hooks_.push_back(pid);
 }
 
 void SimFsmProcesses::reconcile(std::deque<SimFsm>& fsms,
                                 const std::function<bool(const SimFsm&)>& isLocal) {
   if (program_.empty()) return;
+  std::erase_if(hooks_, [](pid_t pid) { return ::waitpid(pid, nullptr, WNOHANG) == pid; });
   for (std::size_t i = 0; i < fsms.size(); ++i) {
     SimFsm& f = fsms[i];
     bool wanted = f.running && !f.dropped && f.pid == 0 && isLocal(f);
@@ -120,6 +147,7 @@ void SimFsmProcesses::reconcile(std::deque<SimFsm>& fsms,
       it = children_.end();
     }
     if (it != children_.end() && (!wanted || it->second.active != f.active)) {
+      if (wanted && f.active) runHook(f.name);  // a standby here took over
       end(it->second);
       children_.erase(it);
       it = children_.end();

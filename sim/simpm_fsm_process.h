@@ -10,6 +10,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <vector>
 #include <utility>
 
 namespace velm::sim {
@@ -32,7 +33,13 @@ class SimFsmProcesses {
   // slot's processPid. The caller holds the lock that guards fsms.
   void reconcile(std::deque<SimFsm>& fsms, const std::function<bool(const SimFsm&)>& isLocal);
 
-  // Ends every process.
+  // Runs argv ("%v" the volume, "%h" host) whenever a standby here becomes active.
+  void setFailoverHook(std::vector<std::string> argv, std::string host) {
+    hook_ = std::move(argv);
+    hookHost_ = std::move(host);
+  }
+
+  // Ends every process; waits for the hooks still running.
   void endAll();
 
  private:
@@ -41,7 +48,11 @@ class SimFsmProcesses {
     bool active = false;
   };
   void end(Child& child);
+  void runHook(const std::string& volume);
   std::string program_;
+  std::vector<std::string> hook_;
+  std::string hookHost_;
+  std::vector<pid_t> hooks_;  // running, reaped as they end
   std::map<std::size_t, Child> children_;  // by slot
 };
 

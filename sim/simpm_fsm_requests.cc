@@ -1,10 +1,13 @@
 // The stand-in FSM's answers to admin requests, always in the newest form the FSM admits.
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <optional>
 
 #include "adminlib/fsm_requests.h"
 #include "adminlib/sock46.h"
 #include "adminlib/wire.h"
+#include "platform/paths.h"
 #include "sim/simpm_config.h"
 #include "sim/simpm_fsm_state.h"
 #include "sim/simpm_protocol.h"
@@ -53,7 +56,25 @@ std::uint16_t statFlags(const SimFsmState& s) {
   return flags;
 }
 
-std::size_t fsStat(SimFsmState& s, std::uint8_t* m) {
+// The apparent size of the files under dir, in blocks rounded up; nothing when dir isn't there.
+std::optional<std::uint64_t> blocksUsedIn(const std::string& dir, std::uint32_t blockSize) {
+  std::error_code ec;
+  if (!std::filesystem::is_directory(dir, ec)) return std::nullopt;
+  std::uint64_t bytes = 0;
+  for (std::filesystem::recursive_directory_iterator it(dir, ec), end; !ec && it != end;
+       it.increment(ec)) {
+    std::error_code e;
+    if (it->is_regular_file(e)) bytes += it->file_size(e);
+  }
+  std::uint64_t block = blockSize ? blockSize : 1;
+  return bytes / block + (bytes % block ? 1 : 0);
+}
+
+std::size_t fsStat(const SimFsm& fsm, SimFsmState& s, std::uint8_t* m) {
+  std::string dir = fsm.contentDir.empty() ? hostPath("/Volumes/" + fsm.name) : fsm.contentDir;
+  std::uint64_t freeBlocks = s.freeBlocks;
+  if (std::optional<std::uint64_t> used = blocksUsedIn(dir, s.blockSize))
+    freeBlocks = *used >= s.totalBlocks ? 0 : s.totalBlocks - *used;
   std::uint16_t inUse = 0;
   for (const auto& [index, c] : s.clients)
     if (c.flags & 3) ++inUse;
@@ -65,7 +86,7 @@ std::size_t fsStat(SimFsmState& s, std::uint8_t* m) {
   put_be32(m + 44, s.msgBufSize);
   put_be64(m + 56, s.createTimeUs);
   put_be64(m + 80, s.totalBlocks);
-  put_be64(m + 88, s.freeBlocks);
+  put_be64(m + 88, freeBlocks);
   return frame(m, 96, 0, 0);
 }
 
@@ -257,7 +278,7 @@ std::size_t simFsmRequest(const SimFsm& fsm, std::uint8_t* m, std::size_t len, s
   }
   switch (type) {
     case kFsmTypeFsStat:
-      return fsStat(s, m);
+      return fsStat(fsm, s, m);
     case kFsmTypeGetPartition:
     case kFsmTypeGetPartitionOld:
       return partition(s, m, type == kFsmTypeGetPartition);

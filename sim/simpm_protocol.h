@@ -78,6 +78,11 @@ class SimPmProtocol {
     processes_.setProgram(std::move(program));
   }
   void syncProcesses();
+  // The configuration's failoverHook, run with host as this machine's address.
+  void setFailoverHook(std::string host) {
+    std::scoped_lock lock(pmMutex_);
+    processes_.setFailoverHook(config_.failoverHook, std::move(host));
+  }
 
   // Drops stopped FSMs that came from fsmlist and are no longer listed there; then, when
   // startName is listed but not in the table, adds it, stopped, for the start to run.

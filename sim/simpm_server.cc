@@ -123,6 +123,7 @@ bool SimPortMapper::start(const SimPmOptions& options, std::string* error) {
   }
 
   protocol_->setFsmProcessProgram(options.fsmProcessProgram);
+  protocol_->setFailoverHook(options.listen);
   protocol_->syncProcesses();
 
   int pipefd[2];

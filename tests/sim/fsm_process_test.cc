@@ -156,6 +156,55 @@ TEST_F(FsmProcessTest, RunningFsmsAreRealProcessesThatEndWithTheirFsm) {
   EXPECT_FALSE(fs::exists(fs::symlink_status(sandbox_.path("/proc/" + std::to_string(nowStandby)))));
 }
 
+TEST_F(FsmProcessTest, FreeSpaceFollowsTheVolumesFilesAndATakeoverRunsTheHook) {
+  std::string content = sandbox_.path("/shared/Projects");
+  sandbox_.write("/simpm.plist",
+                 "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
+                 "<key>failoverHook</key><array><string>touch</string><string>" +
+                     sandbox_.path("/took-over-%v-at-%h") +
+                     "</string></array>"
+                     "<key>fsms</key><array>"
+                     "<dict><key>name</key><string>Projects</string><key>contentDir</key><string>" +
+                     content +
+                     "</string><key>statistics</key><dict><key>totalBlocks</key>"
+                     "<integer>1000</integer><key>blockSize</key><integer>4096</integer></dict>"
+                     "</dict>"
+                     "<dict><key>name</key><string>Projects</string><key>active</key><false/>"
+                     "<key>priority</key><integer>1</integer></dict>"
+                     "</array>\n</dict>\n</plist>\n");
+  ASSERT_TRUE(startSim()) << sim_.stderrText();
+  char err[ADMIN_ERRBUF_LEN] = {};
+  int h = QMAdmin_NSConnect("127.0.0.1", err);
+  ASSERT_GE(h, 0) << err;
+  auto freeBlocks = [&]() -> long long {
+    QMAdminFsmRecord rec{};
+    for (const QMAdminFsmRecord& r : walk(h))
+      if (r.state == QMADMIN_STATE_ACTIVE) rec = r;
+    int fsm = QMAdmin_FSMConnect(h, &rec, err);
+    if (fsm < 0) return -1;
+    QMAdminFsStat st{};
+    long long out = QMAdmin_FSMStat(fsm, &st) == 0 ? static_cast<long long>(st.freeBlocks) : -1;
+    QMAdmin_FSMDisconnect(fsm);
+    return out;
+  };
+  EXPECT_EQ(freeBlocks(), 500000) << "no folder: the configured free space";
+  fs::create_directories(content + "/clips");
+  {
+    std::ofstream(content + "/clips/a.mov").close();
+    fs::resize_file(content + "/clips/a.mov", 4096 * 700 + 1);  // sparse: apparent size counts
+  }
+  EXPECT_EQ(freeBlocks(), 1000 - 701);
+  fs::resize_file(content + "/clips/a.mov", 4096 * 5000);
+  EXPECT_EQ(freeBlocks(), 0);
+
+  ASSERT_EQ(QMAdmin_FSMStop(h, "Projects", 1, err), QMFS_OK) << err;
+  std::string marker = sandbox_.path("/took-over-Projects-at-127.0.0.1");
+  for (int i = 0; i < 200 && !fs::exists(marker); ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_TRUE(fs::exists(marker)) << sim_.stderrText();
+  QMAdmin_NSDisconnect(h);
+}
+
 TEST_F(FsmProcessTest, LoadOutsideAPercentageIsRefused) {
   sandbox_.write("/simpm.plist",
                  "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
