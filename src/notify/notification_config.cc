@@ -18,6 +18,9 @@ constexpr std::array<std::string_view, 4> kTypes = {"freeSpace", "quota", "fibre
 
 std::string settingsPath() { return configPath("notifications.plist"); }
 
+// A boolean of the file is a number too, as the settings' writers have always stored them.
+bool numberLike(const PropertyList* v) { return v && (v->isNumber() || v->isBool()); }
+
 const PropertyList* dictAt(const PropertyList& d, std::string_view key) {
   const PropertyList* v = d.get(key);
   return v && v->isDict() ? v : nullptr;
@@ -30,7 +33,8 @@ std::string stringAt(const PropertyList* d, std::string_view key) {
 
 // "Read as an integer", saturated: 1e300 is the largest int, NaN is 0.
 int saturatedInt(const PropertyList* v) {
-  if (!v || !v->isNumber()) return 0;
+  if (!numberLike(v)) return 0;
+  if (v->isBool()) return v->boolValue() ? 1 : 0;
   if (std::optional<std::int64_t> i = v->int64Value(); i && v->isInteger()) {
     if (*i > std::numeric_limits<int>::max()) return std::numeric_limits<int>::max();
     if (*i < std::numeric_limits<int>::min()) return std::numeric_limits<int>::min();
@@ -49,7 +53,7 @@ int saturatedInt(const PropertyList* v) {
 
 bool flagAt(const PropertyList& conditions, std::string_view key) {
   const PropertyList* v = conditions.get(key);
-  return v && v->isNumber() && v->boolValue();
+  return numberLike(v) && v->boolValue();
 }
 
 }  // namespace
@@ -114,7 +118,7 @@ bool isNotificationsDictValid(const PropertyList* dictionary) {
   for (const char* key :
        {"FreeSpaceThreshold", "ExceededSoftQuota", "FibreFailure", "ControllerFailover"}) {
     const PropertyList* v = conditions->get(key);
-    if (!v || !v->isNumber()) {
+    if (!numberLike(v)) {
       NError("%s: %s is not a number in the notifications config file", fn, key);
       return false;
     }
@@ -151,7 +155,7 @@ bool isPager(const PropertyList& entry) {
   const PropertyList* page = entry.get("page");
   if (!page) return false;
   if (const std::string* s = page->asString()) return *s == "YES";
-  return page->isNumber() && page->boolValue();
+  return numberLike(page) && page->boolValue();
 }
 
 std::string pagerText(std::string_view body) {

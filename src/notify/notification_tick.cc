@@ -224,9 +224,10 @@ std::string fibreMailBody(const PropertyList& log) {
     std::string name = wwnn ? (wwnn->asString() ? *wwnn->asString() : describe(*wwnn))
                             : std::string("<WWNN Error>");
     std::string unit = lun ? (lun->asString() ? *lun->asString() : describe(*lun)) : std::string();
-    const FormatArg args[] = {FormatArg(fibreTime(entry.isDict() ? entry.get("time") : nullptr)),
-                              FormatArg(translatedType), FormatArg(name), FormatArg(unit),
-                              FormatArg(what)};
+    // The arguments only view their texts: each is kept in a local first.
+    std::string when = fibreTime(entry.isDict() ? entry.get("time") : nullptr);
+    const FormatArg args[] = {FormatArg(when), FormatArg(translatedType), FormatArg(name),
+                              FormatArg(unit), FormatArg(what)};
     // Deliberate: the unit follows the name with no space between.
     body += vformat(line, args);
   }
