@@ -5,9 +5,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <strings.h>
 #include <signal.h>
 #include <spawn.h>
+#include <strings.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -114,7 +114,7 @@ std::string asReceived(const std::string& filed) {
 std::string envelopeTo(const std::string& filed) {
   std::vector<std::string> head = headerLines(filed);
   return head.size() > 1 && head[1].rfind("Envelope-to: ", 0) == 0 ? head[1].substr(13)
-                                                                     : "<no Envelope-to>";
+                                                                   : "<no Envelope-to>";
 }
 
 std::string withCrlf(const std::string& text) {
@@ -295,8 +295,9 @@ class MailToolsTest : public SandboxTest {
 TEST_F(MailToolsTest, CreateEmailWritesOneCompleteMessage) {
   const std::string subject = "Volume \u201cProjects\u201d failed over \u2013 \u00c4rger";
   const std::string body = "The volume moved to controller B.\nNothing was lost.";
-  ProgramResult r = createEmail({"--message", body, "--admin_email", "admin@example.com",
-                                 "--subject", subject, "--recipient", "Ops Team <ops@example.com>"});
+  ProgramResult r =
+      createEmail({"--message", body, "--admin_email", "admin@example.com", "--subject", subject,
+                   "--recipient", "Ops Team <ops@example.com>"});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_EQ(r.err, "");
   // Seven bits and LF line ends throughout: sendmail and SMTP take it as it is.
@@ -332,12 +333,19 @@ TEST_F(MailToolsTest, CreateEmailWritesOneCompleteMessage) {
   EXPECT_EQ(m.count("Date"), 1);
   EXPECT_THAT(m.body, ::testing::MatchesRegex("\n?"));
 
-  // Values that look like options come with "=".
-  r = createEmail({"--recipient=ops@example.com", "--subject=-x", "--message=--y"});
+  // The argument after an option is its value, whatever it looks like.
+  for (const std::string& text : {"-x", "--", "--message", "-- y"}) {
+    r = createEmail({"--subject", text, "--message", text, "--recipient", "ops@example.com"});
+    ASSERT_EQ(r.status, 0) << text << ": " << r.err;
+    m = parseWithPython(r.out);
+    EXPECT_EQ(m.value("Subject"), text);
+    EXPECT_EQ(m.body, text + "\n");
+  }
+  r = createEmail({"--recipient=ops@example.com", "--subject=-x", "--message=--y=z"});
   ASSERT_EQ(r.status, 0) << r.err;
   m = parseWithPython(r.out);
   EXPECT_EQ(m.value("Subject"), "-x");
-  EXPECT_EQ(m.body, "--y\n");
+  EXPECT_EQ(m.body, "--y=z\n");
 
   r = createEmail({"--recipient", "ops@example.com", "--cc", "x@example.com"});
   EXPECT_EQ(r.status, 64);
@@ -417,8 +425,8 @@ TEST_F(MailToolsTest, CreateEmailRefusesAnythingButOneMailbox) {
   EXPECT_THAT(r.err, HasSubstr("--recipient"));
 
   // A display name may hold a comma or more than ASCII: still one mailbox.
-  for (const std::string& address :
-       {std::string("\"Doe, Jane\" <jane@example.com>"), std::string("J\u00f6rg <jm@example.com>")}) {
+  for (const std::string& address : {std::string("\"Doe, Jane\" <jane@example.com>"),
+                                     std::string("J\u00f6rg <jm@example.com>")}) {
     r = createEmail({"--recipient", address});
     ASSERT_EQ(r.status, 0) << address << ": " << r.err;
     EXPECT_EQ(parseWithPython(r.out).value("To"), address);
@@ -531,8 +539,8 @@ TEST_F(MailToolsTest, SendmailFailAndWarnModes) {
 TEST_F(MailToolsTest, SendmailHangEndsOnlyWithItsProcessGroup) {
   writeMailMode(sandbox_, "hang");
   GroupChild child;
-  ASSERT_TRUE(child.start(sandbox_.path(kSandboxSendmail), {"-t"},
-                          "To: ops@example.com\n\nbody\n"));
+  ASSERT_TRUE(
+      child.start(sandbox_.path(kSandboxSendmail), {"-t"}, "To: ops@example.com\n\nbody\n"));
   ASSERT_TRUE(child.waitForStderr(")\n", std::chrono::seconds(10))) << child.stderrText();
   std::string text = child.stderrText();
   std::size_t at = text.find("child ");
@@ -669,11 +677,11 @@ TEST_F(MailToolsTest, FemailUsesStarttlsWhenOffered) {
   if (::access("/usr/bin/openssl", X_OK) != 0) GTEST_SKIP() << "no openssl to make a certificate";
   std::string cert = sandbox_.path("/tls/cert.pem"), key = sandbox_.path("/tls/key.pem");
   ASSERT_EQ(makeDirectories(sandbox_.path("/tls")), 0);
-  LaunchResult made = launch_task(
-      "/usr/bin/openssl",
-      {"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
-       "-keyout", key, "-out", cert, "-days", "2", "-subj", "/CN=127.0.0.1", "-addext",
-       "subjectAltName=IP:127.0.0.1"});
+  LaunchResult made =
+      launch_task("/usr/bin/openssl",
+                  {"req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
+                   "-nodes", "-keyout", key, "-out", cert, "-days", "2", "-subj", "/CN=127.0.0.1",
+                   "-addext", "subjectAltName=IP:127.0.0.1"});
   ASSERT_EQ(made.status, 0) << made.error;
   SimProcess smtp;
   int port = startSimSmtp(smtp, sandbox_, {"--tls-cert", cert, "--tls-key", key});

@@ -6,13 +6,21 @@
 
 namespace velm::test {
 
-std::string binaryPath(const std::string& name) {
+namespace {
+
+std::string binaryDir() {
   const char* dir = std::getenv("VELM_BINARY_DIR");
 #ifdef VELM_BINARY_DIR
   if (!dir) dir = VELM_BINARY_DIR;
 #endif
-  return std::string(dir ? dir : "build") + "/bin/" + name;
+  return dir ? dir : "build";
 }
+
+}  // namespace
+
+std::string binaryPath(const std::string& name) { return binaryDir() + "/bin/" + name; }
+
+std::string resourcePath(const std::string& name) { return binaryDir() + "/lib/resources/" + name; }
 
 ProgramResult runProgram(const std::string& name, const std::vector<std::string>& args,
                          const std::string& input, const std::map<std::string, std::string>& env) {

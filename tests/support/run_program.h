@@ -14,6 +14,8 @@ struct ProgramResult {
 
 // The path of a built program.
 std::string binaryPath(const std::string& name);
+// The path of a file the build copied into the plugin's resources (build/lib/resources/NAME).
+std::string resourcePath(const std::string& name);
 ProgramResult runProgram(const std::string& name, const std::vector<std::string>& args,
                          const std::string& input = {},
                          const std::map<std::string, std::string>& env = {});
