@@ -61,7 +61,8 @@ std::optional<PropertyList> dictionary_from_quota(const QMAdminQuota& record, bo
   d.set("hardLimit", static_cast<unsigned long long>(record.hardLimit));
   d.set("softLimit", static_cast<unsigned long long>(record.softLimit));
   d.set("timeLimit", static_cast<unsigned long long>(record.timeLimit) * 60);
-  d.set("timeRemaining", static_cast<unsigned>(record.timeRemaining));
+  // The FSM's word is signed minutes: -1 once the grace period has run out.
+  d.set("timeRemaining", static_cast<int>(static_cast<std::int32_t>(record.timeRemaining)));
   d.set("_id_", format("%@/%@", type, name));
   return d;
 }
