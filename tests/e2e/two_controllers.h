@@ -100,6 +100,7 @@ class TwoControllersTest : public ::testing::Test {
     c.root.write(
         config + "config.plist",
         std::string("<plist version=\"1.0\"><dict><key>role</key><string>CONTROLLER</string>") +
+            "<key>sanName</key><string>DemoSAN</string>" +
             "<key>metadataNetwork</key><string>127.0.0.0/8</string><key>computers</key><array>" +
             computer(kUuidA, kA) + computer(kUuidB, kB) + "</array></dict></plist>\n");
     c.root.write(config + "Projects.cfg", kRealisticConfig);
