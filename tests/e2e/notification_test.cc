@@ -34,21 +34,7 @@ class NotificationsOnTwoControllersTest : public VelmadminOnTwoControllersTest {
   std::string idleInterval() const override { return "1"; }
 
   PropertyList settings(const std::string& relay = "") {
-    PropertyList server = PropertyList::dict();
-    server.set("ServerAddress", relay);
-    server.set("EmailAddress", "");
-    PropertyList conditions = PropertyList::dict();
-    conditions.set("FreeSpaceThreshold", 20);
-    conditions.set("ExceededSoftQuota", false);
-    conditions.set("FibreFailure", false);
-    conditions.set("ControllerFailover", true);
-    PropertyList address = PropertyList::dict();
-    address.set("email", "admin@example.com");
-    PropertyList d = PropertyList::dict();
-    d.set("ServerSettings", server);
-    d.set("Addresses", PlistArray{address});
-    d.set("Conditions", conditions);
-    return d;
+    return notificationSettings({"admin@example.com"}, 20, false, false, true, relay);
   }
   void configure(const PropertyList& s) {
     for (Controller* c : {&a_, &b_})

@@ -18,26 +18,13 @@
 #include "support/log_capture.h"
 #include "support/plugin_command.h"
 #include "support/sandbox.h"
+#include "support/sim_mail.h"
 
 namespace velm::test {
 namespace {
 
 PropertyList validSettings() {
-  PropertyList server = PropertyList::dict();
-  server.set("ServerAddress", "");
-  server.set("EmailAddress", "san@example.com");
-  PropertyList conditions = PropertyList::dict();
-  conditions.set("FreeSpaceThreshold", 20);
-  conditions.set("ExceededSoftQuota", 1);
-  conditions.set("FibreFailure", 0);
-  conditions.set("ControllerFailover", true);
-  PropertyList address = PropertyList::dict();
-  address.set("email", "admin@example.com");
-  PropertyList d = PropertyList::dict();
-  d.set("ServerSettings", server);
-  d.set("Addresses", PlistArray{address});
-  d.set("Conditions", conditions);
-  return d;
+  return notificationSettings({"admin@example.com"}, 20, true, false, true, "", "san@example.com");
 }
 
 class NotificationSettingsTest : public SandboxTest {

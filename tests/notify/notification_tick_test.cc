@@ -59,22 +59,10 @@ class NotificationTickTest : public ControllerTest {
       sandbox_.write("/Library/Filesystems/Velm/config/" + n + ".cfg", kRealisticConfig);
   }
   void settings(int threshold, bool quota, bool fibre, bool failover,
-                std::vector<std::string> emails = {"admin@example.com"},
-                const std::string& relay = "") {
-    std::string addresses;
-    for (const std::string& e : emails)
-      addresses += "<dict><key>email</key><string>" + e + "</string></dict>";
-    auto flag = [](bool b) { return std::string(b ? "<true/>" : "<integer>0</integer>"); };
+                std::vector<std::string> emails = {"admin@example.com"}) {
     sandbox_.write("/Library/Filesystems/Velm/config/notifications.plist",
-                   "<plist version=\"1.0\"><dict><key>ServerSettings</key><dict>"
-                   "<key>ServerAddress</key><string>" + relay + "</string>"
-                   "<key>EmailAddress</key><string>san@example.com</string></dict>"
-                   "<key>Addresses</key><array>" + addresses + "</array>"
-                   "<key>Conditions</key><dict><key>FreeSpaceThreshold</key><integer>" +
-                       std::to_string(threshold) + "</integer><key>ExceededSoftQuota</key>" +
-                       flag(quota) + "<key>FibreFailure</key>" + flag(fibre) +
-                       "<key>ControllerFailover</key>" + flag(failover) +
-                       "</dict></dict></plist>\n");
+                   writeXmlPlist(notificationSettings(emails, threshold, quota, fibre, failover,
+                                                      "", "san@example.com")));
   }
   // Fills the volume's folder to blocks of its 1000.
   void fill(const std::string& dir, std::uint64_t blocks) {

@@ -14,12 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "adminlib/auth.h"
-#include "adminlib/fsmcomm.h"
-#include "adminlib/qmadminlib.h"
-#include "adminlib/subr2.h"
-#include "support/ports.h"
-#include "support/sim_process.h"
+#include "sim/port_mapper_client.h"
 
 namespace velm::test {
 namespace {
@@ -52,44 +47,21 @@ bool alive(int pid) {
   return close != std::string::npos && close + 2 < stat.size() && stat[close + 2] != 'Z';
 }
 
-class FsmProcessTest : public SandboxTest {
+class FsmProcessTest : public PortMapperClientTest {
  protected:
   void SetUp() override {
-    sandbox_.write("/Library/Filesystems/Velm/config/fsports",
-                   "altpmap " + std::to_string(freeLoopbackPort()) + "\n");
+    PortMapperClientTest::SetUp();
     sandbox_.write("/proc/self/mountinfo", "");
-    AltGetportResetForTest();
-    SetAuthenticateConnection(0);
-    authentication_check();
-    QMAdmin_Teardown();
-    QMAdmin_Init();
-    QMAdmin_SetPrivilegedForTest(1);
-  }
-  void TearDown() override {
-    QMAdmin_Teardown();
-    AltGetportResetForTest();
   }
   bool startSim() {
     return sim_.start("velm-simpm", {"--root", sandbox_.root()}, "listening on",
                       {{"VELM_PROCFS", sandbox_.path("/proc")}});
-  }
-  std::vector<QMAdminFsmRecord> walk(int h) {
-    std::vector<QMAdminFsmRecord> out;
-    char err[ADMIN_ERRBUF_LEN] = {};
-    for (int i = 0; i < 100; ++i) {
-      QMAdminFsmRecord rec{};
-      if (QMAdmin_NSListFsm(h, i, &rec, err) != 0) break;
-      out.push_back(rec);
-    }
-    return out;
   }
   int pidOf(int h, const std::string& name, int state) {
     for (const QMAdminFsmRecord& r : walk(h))
       if (name == r.name && r.state == state) return r.pid;
     return -1;
   }
-
-  SimProcess sim_;
 };
 
 TEST_F(FsmProcessTest, RunningFsmsAreRealProcessesThatEndWithTheirFsm) {
@@ -213,6 +185,7 @@ TEST_F(FsmProcessTest, LoadOutsideAPercentageIsRefused) {
   EXPECT_FALSE(startSim());
   EXPECT_NE(sim_.stderrText().find("'cpuLoad' is not a percentage"), std::string::npos)
       << sim_.stderrText();
+  EXPECT_EQ(sim_.stop(), 1);
 }
 
 }  // namespace

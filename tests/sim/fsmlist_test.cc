@@ -5,47 +5,16 @@
 #include <string>
 #include <vector>
 
-#include "adminlib/auth.h"
-#include "adminlib/fsmcomm.h"
 #include "adminlib/qmadminlib.h"
-#include "adminlib/subr2.h"
-#include "support/ports.h"
-#include "support/sim_process.h"
+#include "sim/port_mapper_client.h"
 
 namespace velm::test {
 namespace {
 
-class FsmListTest : public SandboxTest {
+class FsmListTest : public PortMapperClientTest {
  protected:
-  void SetUp() override {
-    std::string fsports = "altpmap " + std::to_string(freeLoopbackPort()) + "\n";
-    sandbox_.write("/Library/Filesystems/Velm/config/fsports", fsports);
-    AltGetportResetForTest();
-    SetAuthenticateConnection(0);
-    authentication_check();
-    QMAdmin_Teardown();
-    QMAdmin_Init();
-    QMAdmin_SetPrivilegedForTest(1);
-  }
-  void TearDown() override {
-    QMAdmin_Teardown();
-    if (sim_.pid() > 0) {
-      EXPECT_EQ(sim_.stop(), 0) << sim_.stderrText();
-    }
-    AltGetportResetForTest();
-  }
   void writeFsmList(const std::string& text) {
     sandbox_.write("/Library/Filesystems/Velm/config/fsmlist", text);
-  }
-  std::vector<QMAdminFsmRecord> walk(int h) {
-    std::vector<QMAdminFsmRecord> out;
-    char err[ADMIN_ERRBUF_LEN] = {};
-    for (int i = 0; i < 100; ++i) {
-      QMAdminFsmRecord rec{};
-      if (QMAdmin_NSListFsm(h, i, &rec, err) != 0) break;
-      out.push_back(rec);
-    }
-    return out;
   }
   static const QMAdminFsmRecord* find(const std::vector<QMAdminFsmRecord>& list,
                                       const std::string& name) {
@@ -53,8 +22,6 @@ class FsmListTest : public SandboxTest {
       if (name == r.name) return &r;
     return nullptr;
   }
-
-  SimProcess sim_;
 };
 
 TEST_F(FsmListTest, ListedVolumeStartsAndLeavesWhenUnlisted) {

@@ -23,6 +23,7 @@
 
 #include "adminhost/host_common.h"
 #include "platform/files.h"
+#include "platform/process.h"
 #include "plist/plist.h"
 #include "support/run_program.h"
 #include "support/sim_mail.h"
@@ -134,133 +135,6 @@ bool processLives(pid_t pid) {
   return paren != std::string::npos && paren + 2 < stat->size() && (*stat)[paren + 2] != 'Z';
 }
 
-// A mail program in a process group of its own, as the plugin runs them, for runs that do not
-// end by themselves. The destructor kills the group, so a failed test leaves nothing behind.
-class GroupChild {
- public:
-  GroupChild() = default;
-  ~GroupChild() {
-    killGroup();
-    if (errFd_ >= 0) ::close(errFd_);
-  }
-  GroupChild(const GroupChild&) = delete;
-  GroupChild& operator=(const GroupChild&) = delete;
-
-  bool start(const std::string& path, const std::vector<std::string>& args,
-             const std::string& input, const std::map<std::string, std::string>& env = {}) {
-    std::map<std::string, std::string> vars;
-    for (char** e = environ; *e; ++e) {
-      std::string entry = *e;
-      std::size_t eq = entry.find('=');
-      if (eq != std::string::npos) vars[entry.substr(0, eq)] = entry.substr(eq + 1);
-    }
-    for (const auto& [k, v] : env) vars[k] = v;
-    std::vector<std::string> envStrings, argStrings = {path};
-    for (const auto& [k, v] : vars) envStrings.push_back(k + "=" + v);
-    argStrings.insert(argStrings.end(), args.begin(), args.end());
-    std::vector<char*> argv, envp;
-    for (std::string& a : argStrings) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    for (std::string& e : envStrings) envp.push_back(e.data());
-    envp.push_back(nullptr);
-
-    int in[2], err[2];
-    if (::pipe2(in, O_CLOEXEC) != 0) return false;
-    if (::pipe2(err, O_CLOEXEC) != 0) {
-      ::close(in[0]);
-      ::close(in[1]);
-      return false;
-    }
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
-    posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
-    posix_spawnattr_setpgroup(&attr, 0);
-    int rc = ::posix_spawn(&pid_, argv[0], &actions, &attr, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attr);
-    ::close(in[0]);
-    ::close(err[1]);
-    errFd_ = err[0];
-    if (rc != 0) {
-      pid_ = -1;
-      ::close(in[1]);
-      return false;
-    }
-    // The messages here fit a pipe's buffer, so this cannot block.
-    bool written = ::write(in[1], input.data(), input.size()) == static_cast<ssize_t>(input.size());
-    ::close(in[1]);
-    return written;
-  }
-
-  // Reads stderr until it holds text, reaches its end or the time is up.
-  bool waitForStderr(const std::string& text, std::chrono::milliseconds timeout) {
-    auto until = std::chrono::steady_clock::now() + timeout;
-    while (err_.find(text) == std::string::npos && !errClosed_ &&
-           std::chrono::steady_clock::now() < until)
-      readSome(std::chrono::duration_cast<std::chrono::milliseconds>(
-          until - std::chrono::steady_clock::now()));
-    return err_.find(text) != std::string::npos;
-  }
-
-  // True when every process holding stderr is gone within the time.
-  bool stderrClosesWithin(std::chrono::milliseconds timeout) {
-    auto until = std::chrono::steady_clock::now() + timeout;
-    while (!errClosed_ && std::chrono::steady_clock::now() < until)
-      readSome(std::chrono::duration_cast<std::chrono::milliseconds>(
-          until - std::chrono::steady_clock::now()));
-    return errClosed_;
-  }
-
-  void signalGroup(int sig) const {
-    if (pid_ > 0) ::kill(-pid_, sig);
-  }
-
-  // Not yet ended (it is not reaped here).
-  bool running() const {
-    if (pid_ <= 0) return false;
-    siginfo_t info{};
-    return ::waitid(P_PID, pid_, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
-  }
-
-  // SIGKILL to the group, then reaps the child; the exit status as runProgram gives it.
-  int killGroup() {
-    int result = -1;
-    if (pid_ > 0) {
-      ::kill(-pid_, SIGKILL);
-      int status = 0;
-      while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-      }
-      result = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-      pid_ = -1;
-    }
-    return result;
-  }
-
-  const std::string& stderrText() const { return err_; }
-
- private:
-  void readSome(std::chrono::milliseconds timeout) {
-    pollfd p{errFd_, POLLIN, 0};
-    if (::poll(&p, 1, static_cast<int>(std::max<long long>(timeout.count(), 0))) <= 0) return;
-    char buf[4096];
-    ssize_t n = ::read(errFd_, buf, sizeof buf);
-    if (n > 0)
-      err_.append(buf, static_cast<std::size_t>(n));
-    else if (n == 0 || errno != EINTR)
-      errClosed_ = true;
-  }
-
-  pid_t pid_ = -1;
-  int errFd_ = -1;
-  bool errClosed_ = false;
-  std::string err_;
-};
-
 class MailToolsTest : public SandboxTest {
  protected:
   void SetUp() override { installSendmail(sandbox_); }
@@ -334,7 +208,7 @@ TEST_F(MailToolsTest, CreateEmailWritesOneCompleteMessage) {
   EXPECT_THAT(m.body, ::testing::MatchesRegex("\n?"));
 
   // The argument after an option is its value, whatever it looks like.
-  for (const std::string& text : {"-x", "--", "--message", "-- y"}) {
+  for (std::string text : {"-x", "--", "--message", "-- y"}) {
     r = createEmail({"--subject", text, "--message", text, "--recipient", "ops@example.com"});
     ASSERT_EQ(r.status, 0) << text << ": " << r.err;
     m = parseWithPython(r.out);
@@ -537,29 +411,22 @@ TEST_F(MailToolsTest, SendmailFailAndWarnModes) {
 }
 
 TEST_F(MailToolsTest, SendmailHangEndsOnlyWithItsProcessGroup) {
+  // Run as the plugin runs mail programs: a group of their own and a deadline.
   writeMailMode(sandbox_, "hang");
-  GroupChild child;
-  ASSERT_TRUE(
-      child.start(sandbox_.path(kSandboxSendmail), {"-t"}, "To: ops@example.com\n\nbody\n"));
-  ASSERT_TRUE(child.waitForStderr(")\n", std::chrono::seconds(10))) << child.stderrText();
-  std::string text = child.stderrText();
-  std::size_t at = text.find("child ");
-  ASSERT_NE(at, std::string::npos) << text;
-  pid_t grandchild = std::stoi(text.substr(at + 6));
-  EXPECT_TRUE(processLives(grandchild));
-
-  child.signalGroup(SIGTERM);
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  EXPECT_TRUE(child.running()) << "SIGTERM ended it";
-  EXPECT_TRUE(processLives(grandchild));
-
-  EXPECT_EQ(child.killGroup(), 128 + SIGKILL);
-  // Both held stderr: its end means neither is left.
-  EXPECT_TRUE(child.stderrClosesWithin(std::chrono::seconds(5)));
+  auto start = std::chrono::steady_clock::now();
+  ProcessResult r = runProcess(sandbox_.path(kSandboxSendmail), {"-t"},
+                               "To: ops@example.com\n\nbody\n", {}, ProcessLimits{1'000'000});
+  auto took = std::chrono::steady_clock::now() - start;
+  EXPECT_TRUE(r.timedOut);
+  EXPECT_EQ(r.status, 128 + SIGKILL) << "it ignores SIGTERM";
+  EXPECT_LT(took, std::chrono::seconds(1 + 2 + 2));
+  std::size_t at = r.error.find("child ");
+  ASSERT_NE(at, std::string::npos) << r.error;
+  pid_t grandchild = std::stoi(r.error.substr(at + 6));
   auto until = std::chrono::steady_clock::now() + std::chrono::seconds(5);
   while (processLives(grandchild) && std::chrono::steady_clock::now() < until)
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  EXPECT_FALSE(processLives(grandchild));
+  EXPECT_FALSE(processLives(grandchild)) << "the group went with it";
   EXPECT_EQ(maildirMessages(sandbox_), std::vector<std::string>{});
 }
 
@@ -707,13 +574,12 @@ TEST_F(MailToolsTest, SimSmtpHangStallsTheReplyToData) {
   int port = startSimSmtp(smtp, sandbox_);
   ASSERT_NE(port, 0) << smtp.stderrText();
   writeMailMode(sandbox_, "hang");
-  GroupChild client;
-  ASSERT_TRUE(client.start(resourcePath("femail"), {"-t"}, "To: ops@example.com\n\nbody\n",
-                           {{"SMTPHOST", "127.0.0.1:" + std::to_string(port)}}));
-  ASSERT_TRUE(smtp.waitForText("stalling")) << smtp.stderrText();
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  EXPECT_TRUE(client.running()) << client.stderrText();
-  client.killGroup();
+  ProcessResult client = runProcess(resourcePath("femail"), {"-t"},
+                                    "To: ops@example.com\n\nbody\n",
+                                    {{"SMTPHOST", "127.0.0.1:" + std::to_string(port)}},
+                                    ProcessLimits{1'000'000});
+  EXPECT_TRUE(client.timedOut) << client.error;
+  EXPECT_TRUE(smtp.waitForText("stalling")) << smtp.stderrText();
   EXPECT_EQ(maildirMessages(sandbox_), std::vector<std::string>{});
   // A stalled message doesn't keep the server from stopping.
   auto before = std::chrono::steady_clock::now();

@@ -57,4 +57,28 @@ void writeMailMode(const SandboxRoot& sandbox, const std::string& mode,
   sandbox.write("/sim/mail.plist", writeXmlPlist(dict));
 }
 
+PropertyList notificationSettings(const std::vector<std::string>& emails, int threshold,
+                                  bool quota, bool fibre, bool failover, const std::string& relay,
+                                  const std::string& sender) {
+  PropertyList server = PropertyList::dict();
+  server.set("ServerAddress", relay);
+  server.set("EmailAddress", sender);
+  PropertyList conditions = PropertyList::dict();
+  conditions.set("FreeSpaceThreshold", threshold);
+  conditions.set("ExceededSoftQuota", quota);
+  conditions.set("FibreFailure", fibre);
+  conditions.set("ControllerFailover", failover);
+  PropertyList addresses = PropertyList::array();
+  for (const std::string& e : emails) {
+    PropertyList address = PropertyList::dict();
+    address.set("email", e);
+    addresses.push(std::move(address));
+  }
+  PropertyList d = PropertyList::dict();
+  d.set("ServerSettings", std::move(server));
+  d.set("Addresses", std::move(addresses));
+  d.set("Conditions", std::move(conditions));
+  return d;
+}
+
 }  // namespace velm::test

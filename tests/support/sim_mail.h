@@ -32,4 +32,10 @@ std::vector<std::string> maildirMessages(const SandboxRoot& sandbox);
 void writeMailMode(const SandboxRoot& sandbox, const std::string& mode,
                    const PropertyList& settings = PropertyList::dict());
 
+// Notification settings that pass every check: mail to emails through relay (empty: the local
+// mail system) from sender (empty: none), on the conditions given.
+PropertyList notificationSettings(const std::vector<std::string>& emails, int threshold,
+                                  bool quota, bool fibre, bool failover,
+                                  const std::string& relay = "", const std::string& sender = "");
+
 }  // namespace velm::test
