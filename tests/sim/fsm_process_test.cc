@@ -88,7 +88,13 @@ TEST_F(FsmProcessTest, RunningFsmsAreRealProcessesThatEndWithTheirFsm) {
   ASSERT_GT(active, 0);
   ASSERT_GT(standby, 0);
   EXPECT_NE(active, standby);
-  EXPECT_EQ(readText("/proc/" + std::to_string(active) + "/comm"), "fsm\n");
+  // It names itself once it runs.
+  std::string comm;
+  for (int i = 0; i < 200 && comm != "fsm\n"; ++i) {
+    comm = readText("/proc/" + std::to_string(active) + "/comm");
+    if (comm != "fsm\n") std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  EXPECT_EQ(comm, "fsm\n");
   EXPECT_EQ(fs::read_symlink(sandbox_.path("/proc/" + std::to_string(active))).string(),
             "/proc/" + std::to_string(active));
   EXPECT_EQ(fs::read_symlink(sandbox_.path("/proc/stat")).string(), "/proc/stat");
