@@ -87,8 +87,12 @@ TEST_F(NotificationTickTest, LowSpaceIsMailedOnceADayAndAtOnceWhenItReturns) {
   ASSERT_TRUE(startSan(volumeEntry("Projects", true, content_), ""));
   settings(20, false, false, false);
   fill(content_, 900);
+  context_.set("notificationStateLookup", "not a dictionary");
 
   EXPECT_EQ(tick(), 0);
+  EXPECT_EQ(log_.count("ERROR: processNotifications: notificationStateLookup in the context is "
+                       "not a dictionary; starting it afresh"),
+            1u);
   ASSERT_EQ(mails().size(), 1u) << ::testing::PrintToString(log_.messages());
   EXPECT_TRUE(has(mails()[0], "Subject: DemoSAN: Volume Projects low on space")) << mails()[0];
   EXPECT_TRUE(has(mails()[0], "To: admin@example.com"));
