@@ -80,6 +80,14 @@ class VelmPlugin : public PluginRequestHandler {
   std::optional<PropertyList> changeVolumeSettingsWithRequest(const PropertyList& request);
   std::optional<PropertyList> changeStripeGroupSettingsWithRequest(const PropertyList& request);
   std::optional<PropertyList> renameVolumeWithRequest(const PropertyList& request);
+  // Node configuration.
+  std::optional<PropertyList> writeConfigurationWithRequest(const PropertyList& request);
+  std::optional<PropertyList> checkClientConfigurationWithRequest(const PropertyList& request);
+  std::optional<PropertyList> finishClientConfigurationWithRequest(const PropertyList& request);
+  std::optional<PropertyList> clearConfigurationWithRequest(const PropertyList& request);
+  std::optional<PropertyList> configureNetworkInterfaceWithRequest(const PropertyList& request);
+  std::optional<PropertyList> getDirbaseRecordsWithRequest(const PropertyList& request);
+  std::optional<PropertyList> preflightReplicaWithRequest(const PropertyList& request);
   // Notifications.
   std::optional<PropertyList> getNotificationsConfigurationWithRequest(const PropertyList& request);
   std::optional<PropertyList> setNotificationsConfigurationWithRequest(const PropertyList& request);
