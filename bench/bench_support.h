@@ -1,5 +1,7 @@
 // What the benchmarks that compare against a floor share: a reporter that keeps each
 // benchmark's mean real time per iteration, so main() can print figures beside their anchors.
+// A name registered more than once (runs interleaved with their anchor's) gives the median of
+// its runs.
 #pragma once
 
 #include <arpa/inet.h>
@@ -8,6 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <map>
@@ -29,25 +32,27 @@ class CapturingReporter : public benchmark::ConsoleReporter {
       // "BM_FSMStat/min_time:1.000" -> "BM_FSMStat"
       std::string name = r.benchmark_name();
       if (!r.error_occurred && r.run_type == Run::RT_Iteration) {
-        nsPerIteration_[name.substr(0, name.find('/'))] = r.GetAdjustedRealTime();
-        cpuNsPerIteration_[name.substr(0, name.find('/'))] = r.GetAdjustedCPUTime();
+        nsPerIteration_[name.substr(0, name.find('/'))].push_back(r.GetAdjustedRealTime());
+        cpuNsPerIteration_[name.substr(0, name.find('/'))].push_back(r.GetAdjustedCPUTime());
       }
     }
     ConsoleReporter::ReportRuns(runs);
   }
-  // Mean real time per iteration in nanoseconds, 0 when the benchmark did not run.
-  double ns(const std::string& name) const {
-    auto it = nsPerIteration_.find(name);
-    return it == nsPerIteration_.end() ? 0 : it->second;
-  }
-  // Mean CPU time per iteration in nanoseconds, 0 when the benchmark did not run.
-  double cpuNs(const std::string& name) const {
-    auto it = cpuNsPerIteration_.find(name);
-    return it == cpuNsPerIteration_.end() ? 0 : it->second;
-  }
+  // Mean real time per iteration in nanoseconds (the median of the runs), 0 when none ran.
+  double ns(const std::string& name) const { return median(nsPerIteration_, name); }
+  // Mean CPU time per iteration in nanoseconds (the median of the runs), 0 when none ran.
+  double cpuNs(const std::string& name) const { return median(cpuNsPerIteration_, name); }
 
  private:
-  std::map<std::string, double> nsPerIteration_, cpuNsPerIteration_;
+  static double median(const std::map<std::string, std::vector<double>>& runs,
+                       const std::string& name) {
+    auto it = runs.find(name);
+    if (it == runs.end() || it->second.empty()) return 0;
+    std::vector<double> v = it->second;
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2];
+  }
+  std::map<std::string, std::vector<double>> nsPerIteration_, cpuNsPerIteration_;
 };
 
 // The directory of this program, where the stand-ins it starts are built.

@@ -21,6 +21,7 @@
 #include <string>
 #include <vector>
 
+#include "daemon_support.h"
 #include "host/command_router.h"
 #include "host/hosted_plugin.h"
 #include "platform/clock.h"
@@ -32,9 +33,10 @@
 #define VELM_BINARY_DIR "build"
 #endif
 
-extern char** environ;
-
 namespace {
+
+using velm::bench::pinTo;
+using velm::bench::readPort;
 
 constexpr int kServerCpu = 0;
 constexpr int kIterations = 20000;
@@ -59,61 +61,18 @@ struct Figures {
 // mode ("same CPU", "two CPUs") -> server ("bare", "adminhostd") -> figures of each repetition
 std::map<std::string, std::map<std::string, std::vector<Figures>>> gResults;
 
-void pinTo(pid_t pid, int cpu) {
-  cpu_set_t set;
-  CPU_ZERO(&set);
-  CPU_SET(cpu, &set);
-  sched_setaffinity(pid, sizeof set, &set);
-}
-
-// Reads "...:PORT\n" (the daemon's "listening on" line, or the bare server's port) from fd.
-int readPort(int fd) {
-  std::string text;
-  char buf[256];
-  while (text.find('\n') == std::string::npos) {
-    pollfd p{fd, POLLIN, 0};
-    if (::poll(&p, 1, 30000) <= 0) return 0;
-    ssize_t n = ::read(fd, buf, sizeof buf);
-    if (n <= 0) return 0;
-    text.append(buf, static_cast<size_t>(n));
-  }
-  text.resize(text.find('\n'));
-  return std::atoi(text.substr(text.rfind(':') + 1).c_str());
-}
-
 // Both servers start before any thread of this process exists, pinned before their own
 // threads do, so every one of their threads stays on kServerCpu.
 Server startDaemon() {
-  Server s;
-  std::string plugins = gRoot + "/plugins";
-  std::filesystem::create_directories(plugins);
-  std::filesystem::create_symlink(std::string(VELM_BINARY_DIR) + "/lib/adminhost_velm.so",
-                                  plugins + "/adminhost_velm.so");
-  int out[2];
-  if (::pipe(out) != 0) return s;
-  std::string exe = std::string(VELM_BINARY_DIR) + "/bin/adminhostd";
   std::string log = gRoot + "/daemon.log";
-  // No idle ticks: the figure is the request path's.
-  std::vector<std::string> args = {exe,           "--root",          gRoot,
-                                   "--plugins",   plugins,           "--listen",
-                                   "127.0.0.1:0", "--idle-interval", "0"};
-  std::vector<char*> argv;
-  for (auto& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
   ::setenv("VELM_LOG", log.c_str(), 1);
-  s.pid = ::fork();
-  if (s.pid == 0) {
-    pinTo(0, kServerCpu);
-    ::dup2(out[1], STDOUT_FILENO);
-    ::close(out[0]);
-    ::execve(exe.c_str(), argv.data(), environ);
-    ::_exit(127);
-  }
-  ::close(out[1]);
-  s.port = readPort(out[0]);
-  ::close(out[0]);
-  s.path = "/commands/velm";
-  return s;
+  velm::bench::DaemonOptions options;
+  options.binaryDir = VELM_BINARY_DIR;
+  options.root = gRoot;
+  options.cpu = kServerCpu;
+  // No idle ticks: the figure is the request path's.
+  velm::bench::Daemon daemon = velm::bench::startDaemon(options);
+  return Server{daemon.pid, daemon.port, "/commands/velm"};
 }
 
 Server startBare() {
