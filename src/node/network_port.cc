@@ -46,16 +46,23 @@ std::optional<Connection> connectionFor(const std::string& device) {
   LaunchResult r = launch_task(hostPath(kNmcli), {"-t", "-f", "UUID,DEVICE,NAME,ACTIVE",
                                                   "connection", "show"});
   if (r.status != 0) return std::nullopt;
-  std::optional<Connection> profile;
+  std::vector<Connection> profiles;
   std::istringstream lines(r.output);
   for (std::string line; std::getline(lines, line);) {
     std::vector<std::string> f = terseFields(line);
     if (f.size() < 4 || f[0].empty()) continue;
-    bool here = ::strcasecmp(f[1].c_str(), device.c_str()) == 0;
-    if (here && f[3] == "yes") return Connection{f[0], f[2]};
-    if (here && !profile) profile = Connection{f[0], f[2]};
+    if (f[3] == "yes" && ::strcasecmp(f[1].c_str(), device.c_str()) == 0)
+      return Connection{f[0], f[2]};
+    profiles.push_back(Connection{f[0], f[2]});
   }
-  return profile;
+  // An inactive profile shows no device: the one it is bound to is its interface name.
+  for (const Connection& c : profiles) {
+    LaunchResult bound = launch_task(
+        hostPath(kNmcli), {"-g", "connection.interface-name", "connection", "show", c.uuid});
+    std::string name(trimmedBlanks(bound.output));
+    if (bound.status == 0 && ::strcasecmp(name.c_str(), device.c_str()) == 0) return c;
+  }
+  return std::nullopt;
 }
 
 bool networkManagerRuns() {
