@@ -1,0 +1,306 @@
+// Making this machine a member of a SAN and taking it out again, with the directory, service,
+// process and network tools played by the stand-ins in a sandbox, on a fake clock.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+
+#include "core/san_computer.h"
+#include "core/velm_plugin.h"
+#include "gateway/san_filesystem.h"
+#include "node/directory.h"
+#include "node/network_port.h"
+#include "node/teardown.h"
+#include "node/upgrade.h"
+#include "platform/clock.h"
+#include "platform/paths.h"
+#include "support/log_capture.h"
+#include "support/plugin_command.h"
+#include "support/sandbox.h"
+#include "support/sim_node.h"
+#include "support/sim_process.h"
+
+namespace velm::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+TEST(FsmListUpgradeTest, SecondFieldsBecomeAFullStopAndEndingsStay) {
+  struct Row {
+    const char* before;
+    const char* after;
+  } rows[] = {
+      {"vol1 host1 5\n", "vol1 . 5\n"},
+      {"vol1 . 5\n", "vol1 . 5\n"},
+      {"vol1\n", "vol1 . \n"},
+      {"# volumes\nvol1 host1 5", "# volumes\nvol1 . 5\n"},
+      {"vol1 host1 5\n\nvol2 host2\r\n", "vol1 . 5\n\nvol2 . \r\n"},
+      {"\n\n\n", ""},
+      {"vol1\thost1   7 extra words\n", "vol1 . 7 extra words\n"},
+  };
+  for (const Row& r : rows) EXPECT_EQ(upgradedFsmList(r.before), r.after) << r.before;
+}
+
+TEST(ProcessCountTest, OnlyTheCommandsBaseNameCounts) {
+  EXPECT_EQ(countProcessesNamed("COMMAND\n"
+                                "/usr/sbin/velmd -f\n"
+                                "velmd\n"
+                                "/usr/sbin/velmd2\n"
+                                "/bin/sh -c velmd\n"
+                                "xvelmd\n"
+                                "vel\n"
+                                "/opt/x/velmd",
+                                "velmd"),
+            3);
+  EXPECT_EQ(countProcessesNamed("/usr/sbin/velmd\n", "velmd"), 0) << "the first line is a heading";
+}
+
+class NodeConfigurationTest : public SandboxTest {
+ protected:
+  void SetUp() override {
+    installNodeTools(sandbox_);
+    sandbox_.write("/Library/Filesystems/Velm/config/uuid", kUuid);
+    sandbox_.write("/Library/Filesystems/Velm/config/fsports", "altpmap 1\n");
+    sandbox_.write("/sys/class/net/eth0/ifindex", "2\n");
+    sandbox_.write("/sys/class/net/eth0/ifalias", "\n");
+    ::setenv("VELM_SYSFS", sandbox_.path("/sys").c_str(), 1);
+    resetPathsForTest();
+    // The plugin's start read an identity before this one was written.
+    SANComputer::resetForTest();
+    SANFilesystem::resetForTest();
+  }
+  void TearDown() override {
+    ::unsetenv("VELM_SYSFS");
+    resetPathsForTest();
+    SANComputer::resetForTest();
+    SANFilesystem::resetForTest();
+  }
+  PropertyList run(std::string_view command,
+                   std::vector<std::pair<std::string, PropertyList>> keys = {}) {
+    return runCommand(plugin_, context_, command, std::move(keys));
+  }
+  static long long status(const PropertyList& r, const char* key = "status") {
+    const PropertyList* s = r.get(key);
+    return s ? s->int64Value().value_or(-99) : -99;
+  }
+  static constexpr const char* kUuid = "0A0A0A0A-0000-4000-8000-00000000000A";
+  ScopedFakeClock clock_;
+  LogCapture log_;
+  VelmPlugin plugin_;
+  PropertyList context_ = PropertyList::dict();
+};
+
+TEST_F(NodeConfigurationTest, AnEmptyRequestTouchesNothing) {
+  auto before = sandbox_.listing();
+  PropertyList r = run("writeConfiguration");
+  EXPECT_EQ(status(r), 0);
+  EXPECT_FALSE(r.get("searchPolicy"));
+  EXPECT_EQ(sandbox_.listing(), before);
+  // Only fields that config.plist keeps with others write nothing on their own.
+  run("writeConfiguration", {{"primaryController", PropertyList(kUuid)}, {"dsType", PropertyList(2)}});
+  EXPECT_EQ(sandbox_.listing(), before);
+}
+
+TEST_F(NodeConfigurationTest, AWrongTypedKeyStopsEverythingBeforeAStep) {
+  auto before = sandbox_.listing();
+  PropertyList r = run("writeConfiguration", {{"authSecret", PropertyList("s3cret")},
+                                              {"nameservers", PropertyList("10.0.0.1")}});
+  EXPECT_EQ(status(r), 1);
+  EXPECT_TRUE(log_.contains("'nameservers' is not of the kind it must be"));
+  EXPECT_EQ(sandbox_.listing(), before);
+}
+
+TEST_F(NodeConfigurationTest, BindsAreTriedFiveTimesAndAFailureStopsBeforeAnyFile) {
+  writeToolBehaviour(sandbox_, "rosterbind", [] {
+    PropertyList b = PropertyList::dict();
+    b.set("exitStatus", 1);
+    return b;
+  }());
+  auto before = sandbox_.listing();
+  PropertyList r = run("writeConfiguration",
+                       {{"searchPolicy", PlistArray{PropertyList("/LDAPv3/10.9.9.9")}},
+                        {"authSecret", PropertyList("s3cret")}});
+  EXPECT_EQ(status(r), 1);
+  EXPECT_TRUE(r.get("searchPolicy"));
+  EXPECT_EQ(toolCalls(sandbox_, "rosterbind").size(), 5u);
+  EXPECT_EQ(clock_->sleeps(), (std::vector<std::uint64_t>(4, 1000000)));
+  EXPECT_TRUE(toolCalls(sandbox_, "rosterctl").empty());
+  EXPECT_FALSE(sandbox_.exists("/Library/Filesystems/Velm/config/.auth_secret"));
+  (void)before;
+}
+
+TEST_F(NodeConfigurationTest, AnExistingBindCountsAndTheSearchPathIsSet) {
+  runNodeTool(sandbox_, "rosterbind", {"-v", "-a", "10.9.9.9"});
+  PropertyList r = run("writeConfiguration",
+                       {{"searchPolicy", PlistArray{PropertyList("/Local/Default"),
+                                                    PropertyList("/LDAPv3/10.9.9.9")}}});
+  EXPECT_EQ(status(r), 0);
+  EXPECT_EQ(toolCalls(sandbox_, "rosterbind"),
+            (std::vector<std::string>{"-v -a 10.9.9.9", "-v -a 10.9.9.9"}));
+  EXPECT_TRUE(clock_->sleeps().empty()) << "17 needs no second try";
+  EXPECT_TRUE(log_.contains("ERROR: writeConfiguration: Could not add /LDAPv3/10.9.9.9, status 17, tries 1"));
+  EXPECT_EQ(toolCalls(sandbox_, "rosterctl"),
+            (std::vector<std::string>{
+                "/Search -append / rosterAttrStandard:CSPSearchPath /LDAPv3/10.9.9.9",
+                "/Search/Contacts -append / rosterAttrStandard:CSPSearchPath /LDAPv3/10.9.9.9",
+                "/Search -create / rosterAttrStandard:SearchPolicy rosterAttrStandard:CSPSearchPath",
+                "/Search/Contacts -create / rosterAttrStandard:SearchPolicy "
+                "rosterAttrStandard:CSPSearchPath"}));
+  // The answered policy is what the directory reads back.
+  const PlistArray* policy = r.get("searchPolicy")->asArray();
+  ASSERT_TRUE(policy);
+  EXPECT_NE(std::find(policy->begin(), policy->end(), PropertyList("/LDAPv3/10.9.9.9")),
+            policy->end())
+      << describe(r);
+}
+
+TEST_F(NodeConfigurationTest, AControllerJoinsWithItsFilesAndPreferences) {
+  PlistArray computers{[] {
+    PropertyList c = PropertyList::dict();
+    c.set("uuid", kUuid);
+    c.set("ipAddresses", PlistArray{PropertyList("10.0.0.5")});
+    return c;
+  }()};
+  PropertyList r = run(
+      "writeConfiguration",
+      {{"authSecret", PropertyList("s3cret")},
+       {"nameservers", PlistArray{PropertyList("10.0.0.5"), PropertyList("10.0.0.6")}},
+       {"role", PropertyList("CONTROLLER")},
+       {"sanName", PropertyList("DemoSAN")},
+       {"computers", PropertyList(computers)},
+       {"primaryController", PropertyList(kUuid)},
+       {"dsType", PropertyList(1)},
+       {"desiredSearchPolicy", PlistArray{PropertyList("/LDAPv3/ldap.example.com")}}});
+  EXPECT_EQ(status(r), 0) << describe(r);
+  struct stat st {};
+  ASSERT_EQ(::stat(sandbox_.path("/Library/Filesystems/Velm/config/.auth_secret").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  EXPECT_EQ(sandbox_.read("/Library/Filesystems/Velm/config/fsnameservers"),
+            "10.0.0.5\n10.0.0.6\n");
+  PropertyList config = *readXmlPlistFile(sandbox_.path("/Library/Filesystems/Velm/config/config.plist")).value;
+  EXPECT_EQ(*config.getString("role"), "CONTROLLER");
+  EXPECT_EQ(*config.getString("primaryController"), kUuid);
+  PlistReadResult prefsFile =
+      readXmlPlistFile(sandbox_.path("/Library/Preferences/com.orvane.velm.controller.plist"));
+  ASSERT_TRUE(prefsFile) << prefsFile.error;
+  const PropertyList& prefs = *prefsFile.value;
+  EXPECT_TRUE(prefs.get("IsPrimaryController")->boolValue());
+  EXPECT_EQ(*prefs.getString("DSType"), "Client:ldap.example.com");
+  EXPECT_EQ(*run("getComputerProperties").get("properties")->getString("role"), "CONTROLLER");
+}
+
+TEST_F(NodeConfigurationTest, TeardownRemovesTheNodesFilesAndKeepsItsIdentity) {
+  for (const char* f : {"v1.cfg", "v1.cfg-old", "v1-auxdata.plist", "v1-auxdata.plist-old",
+                        "fsmlist", "config.plist", ".auth_secret", "fsnameservers", "other"})
+    sandbox_.write(std::string("/Library/Filesystems/Velm/config/") + f, "x");
+  PropertyList r = run("clearConfiguration");
+  EXPECT_FALSE(r.get("error"));
+  std::vector<std::string> left;
+  for (const auto& e : fs::directory_iterator(sandbox_.path("/Library/Filesystems/Velm/config")))
+    left.push_back(e.path().filename().string());
+  std::sort(left.begin(), left.end());
+  EXPECT_EQ(left, (std::vector<std::string>{"fsports", "other", "uuid"}));
+  EXPECT_EQ(toolCalls(sandbox_, "svcload").size(), 2u);
+  EXPECT_EQ(toolCalls(sandbox_, "ps"), (std::vector<std::string>{"-ax -o command"}));
+  EXPECT_EQ(clock_->sleeps(), (std::vector<std::uint64_t>{2000000}));
+  EXPECT_EQ(*run("getComputerProperties").get("properties")->getString("role"), "UNCONFIGURED");
+}
+
+TEST_F(NodeConfigurationTest, ALongTaskRefusesTeardownWithEveryFileIntact) {
+  sandbox_.write("/Library/Filesystems/Velm/config/config.plist", "<plist><dict/></plist>");
+  PropertyList task = PropertyList::dict();
+  task.set("pid", 1);
+  plugin_.noteLongTask(&task, "Projects");
+  auto before = sandbox_.listing();
+  EXPECT_EQ(*run("clearConfiguration").getString("error"), "Long running tasks still in progress");
+  EXPECT_EQ(sandbox_.listing(), before);
+  EXPECT_TRUE(toolCalls(sandbox_, "svcload").empty());
+}
+
+TEST_F(NodeConfigurationTest, PortsAreConfiguredThroughNetworkdWhenNetworkManagerIsAway) {
+  writeToolBehaviour(sandbox_, "nmcli", [] {
+    PropertyList b = PropertyList::dict();
+    b.set("notRunning", true);
+    return b;
+  }());
+  auto configure = [&](const char* port, const char* address, const char* mask,
+                       const char* family = "IPv4", const char* router = "") {
+    return run("configureNetworkInterface",
+               {{"port", PropertyList(port)}, {"address", PropertyList(address)},
+                {"subnetMask", PropertyList(mask)}, {"router", PropertyList(router)},
+                {"addressFamily", PropertyList(family)}});
+  };
+  EXPECT_EQ(status(configure("eth0", "10.0.0.9", "255.255.255.0", "IPv6")), 1);
+  PropertyList unknown = configure("../../etc", "10.0.0.9", "255.255.255.0");
+  EXPECT_EQ(status(unknown), 0);
+  EXPECT_FALSE(unknown.get("userDefinedName"));
+  EXPECT_EQ(status(configure("ETH0", "10.0.0.300", "255.255.255.0")), 1);
+  EXPECT_EQ(status(configure("eth0", "10.0.0.9", "255.0.255.0")), 1);
+  EXPECT_FALSE(sandbox_.exists("/etc/systemd/network/10-velm-eth0.network"));
+
+  PropertyList r = configure("ETH0", "10.0.0.9", "255.255.255.0", "IPv4", "10.0.0.1");
+  EXPECT_EQ(status(r), 0);
+  EXPECT_EQ(*r.getString("userDefinedName"), "eth0");
+  std::string file = sandbox_.read("/etc/systemd/network/10-velm-eth0.network");
+  EXPECT_NE(file.find("Name=eth0\n"), std::string::npos) << file;
+  EXPECT_NE(file.find("Address=10.0.0.9/24\n"), std::string::npos) << file;
+  EXPECT_NE(file.find("Gateway=10.0.0.1\n"), std::string::npos) << file;
+  // An empty router keeps the stored one.
+  configure("eth0", "10.0.0.10", "255.255.0.0");
+  file = sandbox_.read("/etc/systemd/network/10-velm-eth0.network");
+  EXPECT_NE(file.find("Address=10.0.0.10/16\n"), std::string::npos) << file;
+  EXPECT_NE(file.find("Gateway=10.0.0.1\n"), std::string::npos) << file;
+  EXPECT_EQ(toolCalls(sandbox_, "networkctl"),
+            (std::vector<std::string>{"reload", "reconfigure eth0", "reload", "reconfigure eth0"}));
+}
+
+class RecordingDirectory : public Directory {
+ public:
+  std::optional<PropertyList> valueMatchedListOfRecords(const std::string& node,
+                                                        const PropertyList*, const PropertyList*,
+                                                        const std::string*, const std::string*,
+                                                        const PropertyList*,
+                                                        const PropertyList*) override {
+    PropertyList r = PropertyList::dict();
+    r.set("node", node);
+    return r;
+  }
+};
+
+TEST_F(NodeConfigurationTest, DirectoryQueriesAndTheReplicaPreflight) {
+  EXPECT_EQ(status(run("getDirbaseRecords")), 100055);
+  RecordingDirectory d;
+  setDirectoryForTest(&d);
+  PropertyList r = run("getDirbaseRecords", {{"nodePath", PropertyList(5)}});
+  setDirectoryForTest(nullptr);
+  EXPECT_EQ(status(r), 0);
+  EXPECT_EQ(*r.getString("node"), "/Search");
+
+  PropertyList missing = run("preflightReplica", {{"masterAddress", PropertyList("10.0.0.1")}});
+  EXPECT_EQ(status(missing, "authStatus"), -1);
+  EXPECT_EQ(status(missing), -1);
+  EXPECT_TRUE(toolCalls(sandbox_, "replicacfg").empty());
+
+  writeDirectoryPasswords(sandbox_, {{"root", "rootpw"}, {"diradmin", "adminpw"}});
+  auto preflight = [&](const char* rootPw, const char* adminPw) {
+    return run("preflightReplica", {{"masterAddress", PropertyList("10.0.0.1")},
+                                    {"masterRootPassword", PropertyList(rootPw)},
+                                    {"dirAdminName", PropertyList("diradmin")},
+                                    {"dirAdminPassword", PropertyList(adminPw)}});
+  };
+  PropertyList ok = preflight("rootpw", "adminpw");
+  EXPECT_EQ(status(ok, "authStatus"), 0) << describe(ok);
+  EXPECT_TRUE(ok.get("dirAdminAuthSucceeded")->boolValue());
+  EXPECT_EQ(status(preflight("nope", "adminpw"), "authStatus"), 255);
+  EXPECT_EQ(status(preflight("rootpw", "nope"), "authStatus"), 77);
+  for (const std::string& call : toolCalls(sandbox_, "replicacfg")) {
+    EXPECT_EQ(call.find("rootpw"), std::string::npos);
+    EXPECT_EQ(call.find("adminpw"), std::string::npos);
+  }
+  EXPECT_FALSE(log_.contains("rootpw"));
+  EXPECT_FALSE(log_.contains("adminpw"));
+}
+
+}  // namespace
+}  // namespace velm::test
