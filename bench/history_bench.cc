@@ -341,14 +341,6 @@ void BM_ControllerTick(benchmark::State& state) {
   for (auto _ : state) tick();
 }
 
-// Where the tick's time goes beyond the floor: before each volume's connection the plugin makes
-// sure its port mapper runs, by name, in the process table.
-void BM_FsmpmLookups20(benchmark::State& state) {
-  for (auto _ : state)
-    for (int i = 0; i < kVolumes; ++i)
-      benchmark::DoNotOptimize(velm::ec_pid_for_process_named("fsmpm"));
-}
-
 // ---- 2. The client's tick and the reads it can't do without ----
 
 void becomeClient() {
@@ -652,9 +644,6 @@ void printTable(const velm::bench::CapturingReporter& reporter) {
         "each (real time); plugin log lines in %d ticks: %ld\n",
         realUs("BM_ControllerTick"), gCounts.simLogLines, gCounts.lookups, gCounts.lookupUs,
         kCountTicks, gCounts.pluginLogLines);
-    if (double lookups = cpuUs("BM_FsmpmLookups20"); lookups > 0)
-      std::printf("  its 20 look-ups of fsmpm by name: %.1f; the tick without them %.1f, %.2fx\n",
-                  lookups, tick - lookups, (tick - lookups) / floor);
   }
   double history = realUs("BM_GetHistoryAsXml"), xml = realUs("BM_HistoryXmlAlone");
   if (history > 0 && xml > 0) {
@@ -745,7 +734,6 @@ int main(int argc, char** argv) {
         ->Iterations(kConnects);
     cpu("BM_LoopbackEcho", BM_LoopbackEcho, 0.5);
     cpu("BM_ControllerTick", BM_ControllerTick, 1.0);
-    cpu("BM_FsmpmLookups20", BM_FsmpmLookups20, 0.5);
   }
   // Still a controller: its context holds 20 volumes' tables beside the machine's.
   for (int rep = 0; rep < kRepetitions; ++rep) {

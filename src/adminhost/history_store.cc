@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
+#include <vector>
 
 #include "platform/clock.h"
 #include "platform/log.h"
@@ -203,6 +204,10 @@ std::optional<std::string> do_get_named_history_data(std::string_view name, cons
   std::uint32_t size = ring == 1 ? kHistoryRing1Rows : kHistoryRing2Rows;
   std::uint64_t top = t.cell(Table::row(ring, t.cursor(ring)), 0);
   PropertyList out = PropertyList::array();
+  out.asArray()->reserve(size);
+  // The column keys once, not per sample.
+  std::vector<std::string> keys;
+  for (std::uint32_t c = 1; c <= t.columns(); ++c) keys.push_back(std::string("v").append(std::to_string(c)));
   for (std::uint32_t k = 1; k <= size; ++k) {
     // Oldest first: the row after the cursor comes first.
     std::uint32_t row = Table::row(ring, (t.cursor(ring) + k) % size);
@@ -210,11 +215,12 @@ std::optional<std::string> do_get_named_history_data(std::string_view name, cons
     if (time == kHistoryEmptyCell) continue;
     if (back > 0 && top != kHistoryEmptyCell && static_cast<double>(top - time) > back) continue;
     PropertyList sample = PropertyList::dict();
+    sample.asDict()->reserve(t.columns() + 1);
     sample.set("time", static_cast<unsigned long long>(time));
     for (std::uint32_t c = 1; c <= t.columns(); ++c) {
       std::uint64_t v = t.cell(row, c);
       if (v != kHistoryEmptyCell)
-        sample.set("v" + std::to_string(c), static_cast<long long>(static_cast<std::int64_t>(v)));
+        sample.set(keys[c - 1], static_cast<long long>(static_cast<std::int64_t>(v)));
     }
     out.push(std::move(sample));
   }

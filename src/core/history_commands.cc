@@ -50,8 +50,10 @@ int VelmPlugin::updateHistoryData() {
 
 std::optional<PropertyList> VelmPlugin::getHistoryInfoWithRequest(const PropertyList&) {
   PropertyList* ctx = context();
+  // Bound, never copied: a conditional between the context and a temporary would copy it whole.
+  static const PropertyList kNoContext = PropertyList::dict();
   PropertyList info = PropertyList::array();
-  info.push(getHistorySystemKeys(ctx ? *ctx : PropertyList::dict()));
+  info.push(getHistorySystemKeys(ctx ? *ctx : kNoContext));
   if (SANComputer::thisComputer().isController()) {
     const PropertyList* volumes = SANFilesystem::localFilesystem().cachedValueForKey("volumes");
     if (const PlistArray* list = volumes ? volumes->asArray() : nullptr)
@@ -67,7 +69,8 @@ std::optional<PropertyList> VelmPlugin::getHistoryWithRequest(const PropertyList
   const std::string* identifier = request.getString("identifier");
   if (!identifier) return responseForError("identifier required but missing");
   PropertyList* ctx = context();
-  const PropertyList& store = ctx ? *ctx : PropertyList::dict();
+  static const PropertyList kNoContext = PropertyList::dict();
+  const PropertyList& store = ctx ? *ctx : kNoContext;
   std::string table;
   PropertyList descriptor;
   constexpr std::string_view kVolumePrefix = "volumeHistory:";

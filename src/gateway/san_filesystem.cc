@@ -187,7 +187,13 @@ bool SANFilesystem::isRunningVolumeNamed(std::string_view name) {
   return found;
 }
 
-bool SANFilesystem::isFsmpmRunning() { return ec_pid_for_process_named("fsmpm") >= 0; }
+bool SANFilesystem::isFsmpmRunning() {
+  int known = fsmpmPid_.load();
+  if (known > 0 && ec_check_pid_for_process_named("fsmpm", known) == known) return true;
+  int pid = ec_pid_for_process_named("fsmpm");
+  fsmpmPid_.store(pid);
+  return pid >= 0;
+}
 
 bool SANFilesystem::areWePrimaryControllerWithDict(const PropertyList& volumeRecord) {
   const PropertyList* stats = volumeRecord.get("VolumeStats");

@@ -3,6 +3,7 @@
 // hold the plugin lock (the LUN readers have their own monitor).
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -37,6 +38,7 @@ class SANFilesystem : public CachedObject {
   bool doesExistVolumeNamed(std::string_view name);
   // True when the local port mapper lists an FSM of that name. Takes the QMAdmin lock.
   bool isRunningVolumeNamed(std::string_view name);
+  // A look at the pid found last time before a walk of the whole process table.
   bool isFsmpmRunning();
   // True when this machine hosts the volume's active FSM now (defined with the volume readers).
   bool areWePrimaryController(const std::string& volume);
@@ -97,6 +99,7 @@ class SANFilesystem : public CachedObject {
   PlistArray readValidKeys() override;
 
  private:
+  std::atomic<int> fsmpmPid_{-1};
   SANFilesystem();
   PropertyList readVolumes();
   PropertyList readVisibleLUNs();

@@ -106,7 +106,7 @@ std::string networkFile(const std::string& existing, const std::string& device,
     std::string s = k.substr(0, nl);
     if (s == "[Match]" || s == "[Network]") continue;
     if (s != otherSection) {
-      out += "\n" + (s.empty() ? std::string("[Network]") : s) + "\n";
+      out.append("\n").append(s.empty() ? std::string("[Network]") : s).append("\n");
       otherSection = s;
     }
     out += k.substr(nl + 1) + "\n";

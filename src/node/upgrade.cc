@@ -88,7 +88,7 @@ std::string upgradedFsmList(std::string_view text) {
     at = after;
     // A blank line went with the ending of the one before.
     if (line.empty()) continue;
-    if (ending.empty()) ending = "\n";
+    if (ending.empty()) ending.push_back('\n');
     if (line.front() == '#') {
       out.append(line).append(ending);
       continue;
