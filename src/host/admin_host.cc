@@ -12,7 +12,9 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <atomic>
 #include <map>
+#include <thread>
 
 #include "adminhost/context_store.h"
 #include "host/admin_token.h"
@@ -128,91 +130,98 @@ int AdminHost::run() {
   for (const auto& p : plugins_) byName.emplace(p->name(), p.get());
   CommandRouter router(token.token, std::move(byName));
 
-  bool tls = !options_.tlsCert.empty();
-  if (tls) {
-    server_ =
-        std::make_unique<httplib::SSLServer>(options_.tlsCert.c_str(), options_.tlsKey.c_str());
-  } else {
-    server_ = std::make_unique<httplib::Server>();
-  }
-  if (!server_->is_valid()) {
-    HostLog("cannot use the TLS certificate %s with key %s", options_.tlsCert, options_.tlsKey);
-    return 1;
-  }
-  httplib::Server& server = *server_;
-  // Without TCP_NODELAY, Nagle holds each small answer back for the client's delayed ACK.
-  server.set_tcp_nodelay(true);
-  server.set_keep_alive_max_count(kKeepAliveMaxRequests);
-  server.set_keep_alive_timeout(kKeepAliveSeconds);
-  server.set_payload_max_length(options_.maxBodyBytes);
-  size_t threads = options_.threads;
-  server.new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
-  server.set_exception_handler(
-      [](const httplib::Request&, httplib::Response& res, std::exception_ptr) {
-        res.status = 500;
-        res.body.clear();
-      });
-  // A caller without the token is turned away before its body is read, and its connection
-  // closed, so that it can neither make us read megabytes nor hold a pool thread.
-  const std::string& expectedToken = token.token;
-  server.set_pre_routing_handler(
-      [&expectedToken](const httplib::Request& req, httplib::Response& res) {
-        if (bearerTokenMatches(req.get_header_value("Authorization"), expectedToken))
-          return httplib::Server::HandlerResponse::Unhandled;
-        res.status = 401;
-        res.set_header("Connection", "close");
-        HostLog("%s %s - 401 refused: no valid bearer token", req.method, req.path);
-        return httplib::Server::HandlerResponse::Handled;
-      });
-  size_t maxBody = options_.maxBodyBytes;
-  server.Post(R"(/commands/([^/]+))",
-              [&router, maxBody](const httplib::Request& req, httplib::Response& res,
-                                 const httplib::ContentReader& reader) {
-                std::uint64_t started = clock().monotonicMicros();
-                // The body is always read to its end, also when it is refused, so the next request
-                // on a keep-alive connection starts where it should; past the limit it is dropped
-                // as it comes.
-                std::string body;
-                bool tooLarge = false;
-                bool complete = reader([&](const char* data, size_t length) {
-                  if (!tooLarge && length <= maxBody - body.size()) {
-                    body.append(data, length);
-                  } else if (!tooLarge) {
-                    tooLarge = true;
-                    std::string().swap(body);
+  // The same service on every address: plain HTTP or HTTPS as listenUsesTls says.
+  auto setUp = [&](httplib::Server& s) {
+    // Without TCP_NODELAY, Nagle holds each small answer back for the client's delayed ACK.
+    s.set_tcp_nodelay(true);
+    s.set_keep_alive_max_count(kKeepAliveMaxRequests);
+    s.set_keep_alive_timeout(kKeepAliveSeconds);
+    s.set_payload_max_length(options_.maxBodyBytes);
+    size_t threads = options_.threads;
+    s.new_task_queue = [threads] { return new httplib::ThreadPool(threads); };
+    s.set_exception_handler(
+        [](const httplib::Request&, httplib::Response& res, std::exception_ptr) {
+          res.status = 500;
+          res.body.clear();
+        });
+    // A caller without the token is turned away before its body is read, and its connection
+    // closed, so that it can neither make us read megabytes nor hold a pool thread.
+    const std::string& expectedToken = token.token;
+    s.set_pre_routing_handler(
+        [&expectedToken](const httplib::Request& req, httplib::Response& res) {
+          if (bearerTokenMatches(req.get_header_value("Authorization"), expectedToken))
+            return httplib::Server::HandlerResponse::Unhandled;
+          res.status = 401;
+          res.set_header("Connection", "close");
+          HostLog("%s %s - 401 refused: no valid bearer token", req.method, req.path);
+          return httplib::Server::HandlerResponse::Handled;
+        });
+    size_t maxBody = options_.maxBodyBytes;
+    s.Post(R"(/commands/([^/]+))",
+                [&router, maxBody](const httplib::Request& req, httplib::Response& res,
+                                   const httplib::ContentReader& reader) {
+                  std::uint64_t started = clock().monotonicMicros();
+                  // The body is always read to its end, also when it is refused, so the next request
+                  // on a keep-alive connection starts where it should; past the limit it is dropped
+                  // as it comes.
+                  std::string body;
+                  bool tooLarge = false;
+                  bool complete = reader([&](const char* data, size_t length) {
+                    if (!tooLarge && length <= maxBody - body.size()) {
+                      body.append(data, length);
+                    } else if (!tooLarge) {
+                      tooLarge = true;
+                      std::string().swap(body);
+                    }
+                    return true;
+                  });
+                  // The library skips a body whose Content-Length is over the limit itself and says
+                  // 413.
+                  if (!complete && res.status == 413) tooLarge = true;
+                  CommandAnswer answer;
+                  if (!complete && !tooLarge) {
+                    answer.status = 400;
+                  } else {
+                    answer = router.handle(req.matches[1].str(),
+                                           req.get_header_value("Authorization"), body, tooLarge);
                   }
-                  return true;
+                  res.status = answer.status;
+                  if (answer.status == 200) res.set_content(std::move(answer.body), kPlistType);
+                  HostLog("%s %s %s %d %lluus", req.method, req.path, answer.command, answer.status,
+                          static_cast<unsigned long long>(clock().monotonicMicros() - started));
                 });
-                // The library skips a body whose Content-Length is over the limit itself and says
-                // 413.
-                if (!complete && res.status == 413) tooLarge = true;
-                CommandAnswer answer;
-                if (!complete && !tooLarge) {
-                  answer.status = 400;
-                } else {
-                  answer = router.handle(req.matches[1].str(),
-                                         req.get_header_value("Authorization"), body, tooLarge);
-                }
-                res.status = answer.status;
-                if (answer.status == 200) res.set_content(std::move(answer.body), kPlistType);
-                HostLog("%s %s %s %d %lluus", req.method, req.path, answer.command, answer.status,
-                        static_cast<unsigned long long>(clock().monotonicMicros() - started));
-              });
-
-  int port = options_.listenPort;
-  if (port == 0) {
-    port = server.bind_to_any_port(options_.listenHost);
-  } else if (!server.bind_to_port(options_.listenHost, port)) {
-    port = -1;
+  };
+  std::vector<std::string> urls;
+  for (const HostOptions::Listen& l : options_.listens) {
+    bool tls = listenUsesTls(options_, l);
+    std::unique_ptr<httplib::Server> s;
+    if (tls)
+      s = std::make_unique<httplib::SSLServer>(options_.tlsCert.c_str(), options_.tlsKey.c_str());
+    else
+      s = std::make_unique<httplib::Server>();
+    if (!s->is_valid()) {
+      HostLog("cannot use the TLS certificate %s with key %s", options_.tlsCert, options_.tlsKey);
+      return 1;
+    }
+    setUp(*s);
+    int port = l.port;
+    if (port == 0) {
+      port = s->bind_to_any_port(l.host);
+    } else if (!s->bind_to_port(l.host, port)) {
+      port = -1;
+    }
+    if (port <= 0) {
+      HostLog("cannot listen on %s:%d", l.host, l.port);
+      return 1;
+    }
+    urls.push_back(std::string(tls ? "https://" : "http://") + urlHost(l.host) + ":" +
+                   std::to_string(port));
+    servers_.push_back(std::move(s));
   }
-  if (port <= 0) {
-    HostLog("cannot listen on %s:%d", options_.listenHost, options_.listenPort);
-    return 1;
+  for (const std::string& url : urls) {
+    HostLog("listening on %s with %zu plugin(s) from %s", url, plugins_.size(), pluginsDir);
+    std::printf("adminhostd: listening on %s\n", url.c_str());
   }
-  std::string url = std::string(tls ? "https://" : "http://") + urlHost(options_.listenHost) + ":" +
-                    std::to_string(port);
-  HostLog("listening on %s with %zu plugin(s) from %s", url, plugins_.size(), pluginsDir);
-  std::printf("adminhostd: listening on %s\n", url.c_str());
   std::fflush(stdout);
 
   std::unique_ptr<IdleTicker> ticker;
@@ -230,7 +239,18 @@ int AdminHost::run() {
   bool served = true;
   if (serve) {
     if (ticker) ticker->start();
-    served = server.listen_after_bind();
+    // Every address but the first on a thread of its own; the end of any ends them all.
+    std::vector<std::thread> others;
+    std::atomic<bool> othersServed{true};
+    for (std::size_t i = 1; i < servers_.size(); ++i)
+      others.emplace_back([this, i, &othersServed] {
+        if (!servers_[i]->listen_after_bind()) othersServed = false;
+        for (auto& s : servers_) s->stop();
+      });
+    served = servers_[0]->listen_after_bind();
+    for (auto& s : servers_) s->stop();
+    for (std::thread& t : others) t.join();
+    served = served && othersServed;
   }
   {
     std::scoped_lock lock(stateMutex_);
@@ -257,8 +277,8 @@ void AdminHost::requestStop() {
   // The server's stop() only takes once listen_after_bind has marked it running, which run()
   // does just after deciding to serve: wait for that moment, or for the end of serving.
   while (!listenDone_) {
-    if (server_->is_running()) {
-      server_->stop();
+    if (servers_.front()->is_running()) {
+      for (auto& s : servers_) s->stop();
       return;
     }
     stateChanged_.wait_for(lock, std::chrono::milliseconds(5));

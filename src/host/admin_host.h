@@ -38,7 +38,7 @@ class AdminHost {
 
   const HostOptions options_;
   std::vector<std::unique_ptr<HostedPlugin>> plugins_;
-  std::unique_ptr<httplib::Server> server_;
+  std::vector<std::unique_ptr<httplib::Server>> servers_;  // one per listening address
 
   // Guards the flags that hand the stop over between requestStop() and run(), and stopTicker_.
   // Taken before the ticker's own mutex; nothing else is taken under it.

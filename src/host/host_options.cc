@@ -24,8 +24,9 @@ const char kHostUsage[] =
     "dictionary.\n"
     "\n"
     "  --root DIR              sandbox root: sets VELM_ROOT for this process and its plugins\n"
-    "  --listen HOST:PORT      default 127.0.0.1:3110; port 0 takes a free port. An address other\n"
-    "                          than loopback needs --tls-cert and --tls-key (HTTPS)\n"
+    "  --listen HOST:PORT      default 127.0.0.1:3110; port 0 takes a free port. Repeat it to listen\n"
+    "                          on several addresses. An address other than loopback needs\n"
+    "                          --tls-cert and --tls-key (HTTPS); beside one, loopback stays HTTP\n"
     "  --plugins DIR           where the plugins are\n"
     "  --idle-interval SECS    doIdle with count 0, 1, 2, ... every SECS (default 60, fractions\n"
     "                          allowed); the first right after start. 0: no idle ticks\n"
@@ -138,8 +139,14 @@ HostOptionsResult parseHostOptions(const std::vector<std::string>& args) {
       if (value.empty()) return usage("--root needs a directory");
       o.root = value;
     } else if (name == "--listen") {
-      if (!parseListen(value, &o.listenHost, &o.listenPort))
+      HostOptions::Listen l;
+      if (!parseListen(value, &l.host, &l.port))
         return usage("--listen wants HOST:PORT or [IPV6]:PORT, not " + value);
+      if (o.listens.empty()) {
+        o.listenHost = l.host;
+        o.listenPort = l.port;
+      }
+      o.listens.push_back(l);
     } else if (name == "--plugins") {
       if (value.empty()) return usage("--plugins needs a directory");
       o.pluginsDir = value;
@@ -162,10 +169,20 @@ HostOptionsResult parseHostOptions(const std::vector<std::string>& args) {
     }
   }
   if (o.tlsCert.empty() != o.tlsKey.empty()) return usage("--tls-cert and --tls-key go together");
-  if (!o.help && o.tlsCert.empty() && !isLoopbackHost(o.listenHost))
-    return usage("refusing to listen on " + o.listenHost +
-                 " without TLS: give --tls-cert and --tls-key, or listen on loopback");
+  if (o.listens.empty()) o.listens.push_back({o.listenHost, o.listenPort});
+  for (const HostOptions::Listen& l : o.listens)
+    if (!o.help && o.tlsCert.empty() && !isLoopbackHost(l.host))
+      return usage("refusing to listen on " + l.host +
+                   " without TLS: give --tls-cert and --tls-key, or listen on loopback");
   return r;
+}
+
+bool listenUsesTls(const HostOptions& options, const HostOptions::Listen& listen) {
+  if (options.tlsCert.empty()) return false;
+  if (!isLoopbackHost(listen.host)) return true;
+  for (const HostOptions::Listen& other : options.listens)
+    if (!isLoopbackHost(other.host)) return false;
+  return true;
 }
 
 }  // namespace velm

@@ -10,8 +10,14 @@ namespace velm {
 
 struct HostOptions {
   std::string root;                               // --root; empty: VELM_ROOT as inherited
-  std::string listenHost = "127.0.0.1";           // --listen HOST:PORT ([v6]:PORT)
+  std::string listenHost = "127.0.0.1";           // --listen HOST:PORT ([v6]:PORT): the first
   int listenPort = 3110;                          // 0: any free port
+  struct Listen {
+    std::string host;
+    int port = 0;
+  };
+  // Every --listen, in order; the default address alone when none was given.
+  std::vector<Listen> listens;
   std::string pluginsDir;                         // --plugins; empty: beside the binary
   std::uint64_t idleIntervalMicros = 60'000'000;  // --idle-interval seconds; 0: no idle ticks
   // --context-save-interval seconds: how long changes made by idle ticks alone may wait.
@@ -32,6 +38,9 @@ HostOptionsResult parseHostOptions(const std::vector<std::string>& args);
 
 // True for 127.0.0.0/8, ::1, ::ffff:127.x.y.z and "localhost".
 bool isLoopbackHost(const std::string& host);
+// Whether a listening address serves HTTPS: with a certificate, every address does, except a
+// loopback one beside one that isn't (local tools keep plain HTTP there).
+bool listenUsesTls(const HostOptions& options, const HostOptions::Listen& listen);
 
 extern const char kHostUsage[];
 

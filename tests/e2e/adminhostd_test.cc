@@ -66,6 +66,18 @@ class AdminhostdTest : public SandboxTest {
   }
 };
 
+TEST_F(AdminhostdTest, EveryListeningAddressServes) {
+  auto d = startEcho({"--listen", "127.0.0.1:0", "--listen", "127.0.0.2:0"});
+  ASSERT_EQ(d->urls().size(), 2u);
+  EXPECT_EQ(d->urls()[1].rfind("http://127.0.0.2:", 0), 0u) << d->urls()[1];
+  std::string token = readToken(sandbox_);
+  for (const std::string& url : d->urls()) {
+    Client c(url);
+    EXPECT_EQ(c.command("echo", request("echo"), token).status, 200) << url;
+  }
+  stopCleanly(*d);
+}
+
 TEST_F(AdminhostdTest, RoundTripAnswersWithThePluginsResponse) {
   auto d = startEcho();
   std::string token = readToken(sandbox_);

@@ -151,6 +151,13 @@ bool Daemon::start() {
   if (at == std::string::npos) return false;
   url_ = text.substr(at + kMarker.size(), text.find('\n', at) - at - kMarker.size());
   port_ = std::atoi(url_.substr(url_.rfind(':') + 1).c_str());
+  // One line per address, written at once.
+  urls_.clear();
+  for (size_t from = at; from != std::string::npos; from = text.find(kMarker, from + 1)) {
+    size_t end = text.find('\n', from);
+    if (end == std::string::npos) break;
+    urls_.push_back(text.substr(from + kMarker.size(), end - from - kMarker.size()));
+  }
   return port_ > 0;
 }
 

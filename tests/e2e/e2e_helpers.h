@@ -39,6 +39,8 @@ class Daemon {
   // True once the daemon printed that it listens (within a bounded wait).
   bool start();
   const std::string& url() const { return url_; }
+  // Every address it said it listens on, the first being url().
+  const std::vector<std::string>& urls() const { return urls_; }
   int port() const { return port_; }
   pid_t pid() const { return pid_; }
   void signal(int signo);
@@ -55,6 +57,7 @@ class Daemon {
   pid_t pid_ = -1;
   bool exited_ = false;
   std::string url_;
+  std::vector<std::string> urls_;
   int port_ = 0;
 };
 

@@ -30,6 +30,22 @@ TEST(HostOptionsTest, ValuesInBothSpellings) {
   EXPECT_EQ(parseHostOptions({"--idle-interval", "0"}).options.idleIntervalMicros, 0u);
 }
 
+TEST(HostOptionsTest, SeveralAddressesAndWhichOfThemUseTls) {
+  HostOptionsResult r = parseHostOptions({"--listen", "127.0.0.1:3110", "--listen", "10.0.0.5:311",
+                                          "--tls-cert", "c.pem", "--tls-key", "k.pem"});
+  ASSERT_EQ(r.status, 0) << r.error;
+  ASSERT_EQ(r.options.listens.size(), 2u);
+  EXPECT_EQ(r.options.listenHost, "127.0.0.1");
+  EXPECT_FALSE(listenUsesTls(r.options, r.options.listens[0])) << "loopback beside the network";
+  EXPECT_TRUE(listenUsesTls(r.options, r.options.listens[1]));
+  // Alone, loopback takes the certificate it was given.
+  HostOptionsResult alone =
+      parseHostOptions({"--listen", "127.0.0.1:0", "--tls-cert", "c.pem", "--tls-key", "k.pem"});
+  EXPECT_TRUE(listenUsesTls(alone.options, alone.options.listens[0]));
+  // Every address other than loopback needs TLS.
+  EXPECT_NE(parseHostOptions({"--listen", "127.0.0.1:1", "--listen", "10.0.0.5:311"}).status, 0);
+}
+
 TEST(HostOptionsTest, UsageErrors) {
   const std::vector<std::vector<std::string>> bad = {
       {"--bogus"},
