@@ -103,6 +103,9 @@ std::optional<PropertyList> VelmPlugin::writeConfigurationWithRequest(const Prop
     return statusOnly(1);
   }
   bool failed = false, restart = false, roleChanged = false;
+  // What a killed run left half written goes first: a repeat ends where a whole run does.
+  removeLeftoverTemporaries(configDir());
+  removeLeftoverTemporaries(hostPath("/Library/Preferences"));
 
   const PropertyList* searchPolicy = request.get("searchPolicy");
   const PropertyList* removed = request.get("removedSearchPolicy");
@@ -281,6 +284,7 @@ std::optional<PropertyList> VelmPlugin::clearConfigurationWithRequest(const Prop
   if (countLongTasks() >= 1) return responseForError("Long running tasks still in progress");
   runServiceLoader("unload");
   waitForDaemonGone();
+  removeLeftoverTemporaries(configDir());
   removeConfigurationFiles();
   if (const PropertyList* removed = request.get("removedSearchPolicy")) {
     if (removed->isArray()) {

@@ -82,6 +82,17 @@ int writeFileAtomically(const std::string& path, std::string_view data, unsigned
   return 0;
 }
 
+void removeLeftoverTemporaries(const std::string& dir) {
+  std::error_code ec;
+  for (std::filesystem::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
+    std::string name = it->path().filename().string();
+    std::size_t at = name.rfind(".tmp");
+    if (at == std::string::npos || at == 0 || name.size() != at + 4 + 6) continue;
+    std::error_code ignored;
+    std::filesystem::remove(it->path(), ignored);
+  }
+}
+
 bool pathExists(const std::string& path) {
   struct stat st {};
   return ::stat(path.c_str(), &st) == 0;

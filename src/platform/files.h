@@ -17,6 +17,9 @@ std::optional<std::string> readSmallFile(const std::string& path);
 int writeFileAtomically(const std::string& path, std::string_view data, unsigned mode = 0644);
 // True when the path's attributes can be read.
 bool pathExists(const std::string& path);
+// Removes what writeFileAtomically calls killed before their rename left in dir
+// ("<name>.tmpXXXXXX"), so a repeat of the work ends where an uninterrupted run does.
+void removeLeftoverTemporaries(const std::string& dir);
 // mkdir -p; returns 0 or an errno value.
 int makeDirectories(const std::string& path, unsigned mode = 0755);
 
