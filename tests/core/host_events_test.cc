@@ -155,6 +155,20 @@ TEST_F(HostEventsTest, CountZeroAttachesEverySourceAndAdvertisesTheMachine) {
   EXPECT_TRUE(eventually([&] { return log_.count(line) == 2; })) << log_.count(line);
 }
 
+TEST_F(HostEventsTest, JoiningASanReadvertisesOnTheEventThreadWithTheNewRole) {
+  idle(0);
+  sandbox_.write("/Library/Filesystems/Velm/config/fsnameservers", "127.0.0.1\n");
+  // The command holds the plugin lock: the advertisement waits for the next turn of the loop.
+  EXPECT_EQ(run("writeConfiguration", {{"role", PropertyList("CONTROLLER")}})
+                .get("status")
+                ->int64Value(),
+            0);
+  EXPECT_TRUE(eventually([&] {
+    std::vector<FakeServiceAdvertiser::Publication> live = advertisers_.last()->live();
+    return live.size() == 1 && live[0].spec.type == "_velm2server._tcp";
+  }));
+}
+
 TEST_F(HostEventsTest, ABurstOfConfigChangesDropsTheConfigKeysOnceAfterOneSecond) {
   idle(0);
   EXPECT_EQ(role(), "UNCONFIGURED");
