@@ -130,6 +130,44 @@ TEST_F(NodeConfigurationTest, BindsAreTriedFiveTimesAndAFailureStopsBeforeAnyFil
   (void)before;
 }
 
+TEST_F(NodeConfigurationTest, VelmdHearsOfARoleChangeOrElseOfARestart) {
+  sandbox_.write("/proc/self/mountinfo", "");
+  SimProcess velmd;
+  ASSERT_TRUE(velmd.start("velm-simd", {"--root", sandbox_.root()}, "listening on",
+                          {{"VELM_PROCFS", sandbox_.path("/proc")}}))
+      << velmd.stderrText();
+  auto count = [&](const std::string& what) {
+    std::string text = velmd.stderrText();
+    int n = 0;
+    for (std::size_t at = text.find(what + " ->"); at != std::string::npos;
+         at = text.find(what + " ->", at + 1))
+      ++n;
+    return n;
+  };
+  struct Row {
+    const char* what;
+    std::vector<std::pair<std::string, PropertyList>> keys;
+    int roleChanged, sanConfigChanged;  // heard so far
+  } rows[] = {
+      {"a role on a fresh machine", {{"role", PropertyList("CONTROLLER")}}, 1, 0},
+      {"the same role again", {{"role", PropertyList("CONTROLLER")}}, 1, 0},
+      {"the same role and a secret",
+       {{"role", PropertyList("CONTROLLER")}, {"authSecret", PropertyList("s")}}, 1, 1},
+      {"name servers alone", {{"nameservers", PlistArray{PropertyList("10.0.0.1")}}}, 1, 2},
+      {"another role and a secret",
+       {{"role", PropertyList("CLIENT")}, {"authSecret", PropertyList("t")}}, 2, 2},
+  };
+  for (Row& row : rows) {
+    EXPECT_EQ(status(run("writeConfiguration", row.keys)), 0) << row.what;
+    for (int i = 0; i < 100 && (count("roleChanged") < row.roleChanged ||
+                                count("sanConfigChanged") < row.sanConfigChanged);
+         ++i)
+      velmd.waitForText("\n", std::chrono::milliseconds(20));
+    EXPECT_EQ(count("roleChanged"), row.roleChanged) << row.what;
+    EXPECT_EQ(count("sanConfigChanged"), row.sanConfigChanged) << row.what;
+  }
+}
+
 TEST_F(NodeConfigurationTest, AnExistingBindCountsAndTheSearchPathIsSet) {
   runNodeTool(sandbox_, "rosterbind", {"-v", "-a", "10.9.9.9"});
   PropertyList r = run("writeConfiguration",
@@ -253,6 +291,32 @@ TEST_F(NodeConfigurationTest, PortsAreConfiguredThroughNetworkdWhenNetworkManage
   EXPECT_NE(file.find("Gateway=10.0.0.1\n"), std::string::npos) << file;
   EXPECT_EQ(toolCalls(sandbox_, "networkctl"),
             (std::vector<std::string>{"reload", "reconfigure eth0", "reload", "reconfigure eth0"}));
+}
+
+TEST_F(NodeConfigurationTest, PortsAreConfiguredThroughNetworkManagerWhenItRuns) {
+  // Two profiles for eth0: the inactive one is bound by its interface name, the active one wins.
+  sandbox_.write("/sim/network/nmcli.plist",
+                 "<plist version=\"1.0\"><dict><key>connections</key><array>"
+                 "<dict><key>uuid</key><string>u-spare</string><key>name</key><string>spare</string>"
+                 "<key>device</key><string>eth0</string><key>active</key><false/></dict>"
+                 "<dict><key>uuid</key><string>u-wired</string><key>name</key><string>Wired 1"
+                 "</string><key>device</key><string>eth0</string><key>active</key><true/></dict>"
+                 "</array></dict></plist>\n");
+  PropertyList r = run("configureNetworkInterface",
+                       {{"port", PropertyList("eth0")}, {"address", PropertyList("10.0.0.9")},
+                        {"subnetMask", PropertyList("255.255.255.0")},
+                        {"router", PropertyList("10.0.0.1")},
+                        {"addressFamily", PropertyList("IPv4")}});
+  EXPECT_EQ(status(r), 0) << describe(r);
+  EXPECT_EQ(*r.getString("userDefinedName"), "Wired 1");
+  std::vector<std::string> calls = toolCalls(sandbox_, "nmcli");
+  ASSERT_GE(calls.size(), 3u);
+  EXPECT_EQ(calls[calls.size() - 2],
+            "connection modify u-wired ipv4.method manual ipv4.addresses 10.0.0.9/24 ipv4.gateway "
+            "10.0.0.1");
+  EXPECT_EQ(calls.back(), "connection up u-wired");
+  EXPECT_TRUE(toolCalls(sandbox_, "networkctl").empty());
+  EXPECT_FALSE(sandbox_.exists("/etc/systemd/network/10-velm-eth0.network"));
 }
 
 class RecordingDirectory : public Directory {
