@@ -48,6 +48,7 @@
 #include "adminlib/qmadminlib.h"
 #include "adminlib/sock46.h"
 #include "bench_support.h"
+#include "sim_port_mapper.h"
 #include "config/config_test_util.h"
 #include "core/san_computer.h"
 #include "core/velm_plugin.h"
@@ -140,10 +141,6 @@ std::string configDirOf(const std::string& root) {
   return root + "/Library/Filesystems/Velm/config";
 }
 
-unsigned short noRpcbind(const struct sockaddr_in*, unsigned long, unsigned long, unsigned int) {
-  return 0;
-}
-
 long countLines(const std::string& path) {
   std::optional<std::string> text = velm::readFile(path);
   return text ? static_cast<long>(std::count(text->begin(), text->end(), '\n')) : 0;
@@ -176,34 +173,9 @@ std::string simConfig() {
 
 // Named fsmpm in the process table, as the plugin looks for its port mapper there.
 bool startSim(const std::string& path) {
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 2, gSimLog.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
-                                   0644);
-  const char* argv[] = {"fsmpm", "--root", gRoot.c_str(), "--listen", kController, nullptr};
-  int rc = ::posix_spawn(&gSim, path.c_str(), &actions, nullptr, const_cast<char**>(argv), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) {
-    std::fprintf(stderr, "history_bench: cannot start %s: %s\n", path.c_str(), std::strerror(rc));
-    gSim = -1;
-    return false;
-  }
-  char err[ADMIN_ERRBUF_LEN] = {};
-  for (int tries = 0; tries < 200; ++tries) {
-    if (::waitpid(gSim, nullptr, WNOHANG) == gSim) {
-      std::fprintf(stderr, "history_bench: velm-simpm ended (see %s)\n", gSimLog.c_str());
-      gSim = -1;
-      return false;
-    }
-    if (int ns = QMAdmin_NSConnect("127.0.0.1", err); ns >= 0) {
-      QMAdmin_NSDisconnect(ns);
-      return true;
-    }
-    AltGetportResetForTest();
-    velm::systemClock().sleepMicros(50000);
-  }
-  std::fprintf(stderr, "history_bench: no port mapper: %s\n", err);
-  return false;
+  gSim = velm::bench::startSimPortMapper("history_bench", path, gRoot, kController, gSimLog,
+                                         "fsmpm");
+  return gSim > 0;
 }
 
 // A loopback echo server in a process of its own, as the port mapper is: its side of each
@@ -695,11 +667,7 @@ int main(int argc, char** argv) {
     shutdownAll();
     return 1;
   }
-  PmapGetportHook = noRpcbind;
-  AltGetportResetForTest();
-  ResetAddrLists();
-  QMAdmin_SetPrivilegedForTest(1);
-  QMAdmin_Init();
+  velm::bench::initAdminLibrary();
   if (!startSim(velm::bench::binDir() + "/velm-simpm")) {
     shutdownAll();
     return 1;

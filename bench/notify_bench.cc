@@ -23,6 +23,7 @@
 #include "adminlib/qmadminlib.h"
 #include "adminlib/sock46.h"
 #include "bench_support.h"
+#include "sim_port_mapper.h"
 #include "config/config_test_util.h"
 #include "notify/mail_delivery.h"
 #include "notify/notification_tick.h"
@@ -53,10 +54,6 @@ std::string volumeName(int i) {
   char name[16];
   std::snprintf(name, sizeof name, "vol%02d", i);
   return name;
-}
-
-unsigned short noRpcbind(const struct sockaddr_in*, unsigned long, unsigned long, unsigned int) {
-  return 0;
 }
 
 // Half full, with one user under its soft quota: every test runs, none mails.
@@ -117,27 +114,9 @@ bool prepareRoot() {
 }
 
 bool startSim() {
-  std::string path = gBin + "/velm-simpm";
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 2, gLog.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  const char* argv[] = {path.c_str(), "--root", gRoot.c_str(), "--listen", kController, nullptr};
-  int rc = ::posix_spawn(&gSim, path.c_str(), &actions, nullptr, const_cast<char**>(argv), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) {
-    gSim = -1;
-    return false;
-  }
-  char err[ADMIN_ERRBUF_LEN] = {};
-  for (int tries = 0; tries < 200; ++tries) {
-    if (int ns = QMAdmin_NSConnect("127.0.0.1", err); ns >= 0) {
-      QMAdmin_NSDisconnect(ns);
-      return true;
-    }
-    AltGetportResetForTest();
-    velm::clock().sleepMicros(50000);
-  }
-  return false;
+  gSim = velm::bench::startSimPortMapper("notify_bench", gBin + "/velm-simpm", gRoot, kController,
+                                         gLog);
+  return gSim > 0;
 }
 
 void stopSim() {
@@ -216,11 +195,7 @@ int main(int argc, char** argv) {
     stopSim();
     return 1;
   }
-  PmapGetportHook = noRpcbind;
-  AltGetportResetForTest();
-  ResetAddrLists();
-  QMAdmin_SetPrivilegedForTest(1);
-  QMAdmin_Init();
+  velm::bench::initAdminLibrary();
   if (!startSim()) {
     std::fprintf(stderr, "notify_bench: no port mapper (see %s)\n", gLog.c_str());
     stopSim();

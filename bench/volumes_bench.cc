@@ -33,6 +33,7 @@
 #include "adminlib/qmadminlib.h"
 #include "adminlib/sock46.h"
 #include "bench_support.h"
+#include "sim_port_mapper.h"
 #include "config/config_parser.h"
 #include "config/config_test_util.h"
 #include "core/velm_plugin.h"
@@ -104,10 +105,6 @@ std::string volumeName(int i) {
   return name;
 }
 
-unsigned short noRpcbind(const struct sockaddr_in*, unsigned long, unsigned long, unsigned int) {
-  return 0;
-}
-
 // Each volume an active FSM with two stripe groups and three mounted clients (in use, 0x1000).
 std::string fsmEntry(const std::string& name) {
   std::string e = "<dict><key>name</key><string>" + name +
@@ -163,38 +160,13 @@ bool prepareRoot() {
 }
 
 bool startSim(const std::string& path) {
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  // Its per-request log goes to a file: nobody drains a pipe during the run.
-  posix_spawn_file_actions_addopen(&actions, 2, gLog.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  const char* argv[] = {path.c_str(), "--root", gRoot.c_str(), "--listen", kController, nullptr};
-  int rc = ::posix_spawn(&gSim, path.c_str(), &actions, nullptr, const_cast<char**>(argv), environ);
-  posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) {
-    std::fprintf(stderr, "volumes_bench: cannot start %s: %s\n", path.c_str(), std::strerror(rc));
-    gSim = -1;
-    return false;
-  }
+  gSim = velm::bench::startSimPortMapper("volumes_bench", path, gRoot, kController, gLog);
+  if (gSim < 0) return false;
+  // The plugin finds its port mapper by name in the sandbox's process table.
   std::string pid = std::to_string(gSim);
   writeFile(gRoot + "/proc/" + pid + "/cmdline", std::string("fsmpm\0", 6));
   writeFile(gRoot + "/proc/" + pid + "/stat", pid + " (fsmpm) S 1 1 1");
-  char err[ADMIN_ERRBUF_LEN] = {};
-  for (int tries = 0; tries < 200; ++tries) {
-    int status = 0;
-    if (::waitpid(gSim, &status, WNOHANG) == gSim) {
-      std::fprintf(stderr, "volumes_bench: velm-simpm ended (see %s)\n", gLog.c_str());
-      gSim = -1;
-      return false;
-    }
-    if (int ns = QMAdmin_NSConnect("127.0.0.1", err); ns >= 0) {
-      QMAdmin_NSDisconnect(ns);
-      return true;
-    }
-    AltGetportResetForTest();
-    velm::clock().sleepMicros(50000);
-  }
-  std::fprintf(stderr, "volumes_bench: no port mapper: %s\n", err);
-  return false;
+  return true;
 }
 
 void stopSim() {
@@ -339,11 +311,7 @@ int main(int argc, char** argv) {
     stopSim();
     return 1;
   }
-  PmapGetportHook = noRpcbind;
-  AltGetportResetForTest();
-  ResetAddrLists();
-  QMAdmin_SetPrivilegedForTest(1);
-  QMAdmin_Init();
+  velm::bench::initAdminLibrary();
   if (!startSim(simPath)) {
     stopSim();
     return 1;
