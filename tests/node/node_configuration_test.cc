@@ -5,11 +5,10 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <thread>
 
-#include "core/san_computer.h"
-#include "core/velm_plugin.h"
-#include "gateway/san_filesystem.h"
 #include "node/directory.h"
+#include "node/node_fixture.h"
 #include "node/network_port.h"
 #include "node/teardown.h"
 #include "node/upgrade.h"
@@ -56,40 +55,7 @@ TEST(ProcessCountTest, OnlyTheCommandsBaseNameCounts) {
   EXPECT_EQ(countProcessesNamed("/usr/sbin/velmd\n", "velmd"), 0) << "the first line is a heading";
 }
 
-class NodeConfigurationTest : public SandboxTest {
- protected:
-  void SetUp() override {
-    installNodeTools(sandbox_);
-    sandbox_.write("/Library/Filesystems/Velm/config/uuid", kUuid);
-    sandbox_.write("/Library/Filesystems/Velm/config/fsports", "altpmap 1\n");
-    sandbox_.write("/sys/class/net/eth0/ifindex", "2\n");
-    sandbox_.write("/sys/class/net/eth0/ifalias", "\n");
-    ::setenv("VELM_SYSFS", sandbox_.path("/sys").c_str(), 1);
-    resetPathsForTest();
-    // The plugin's start read an identity before this one was written.
-    SANComputer::resetForTest();
-    SANFilesystem::resetForTest();
-  }
-  void TearDown() override {
-    ::unsetenv("VELM_SYSFS");
-    resetPathsForTest();
-    SANComputer::resetForTest();
-    SANFilesystem::resetForTest();
-  }
-  PropertyList run(std::string_view command,
-                   std::vector<std::pair<std::string, PropertyList>> keys = {}) {
-    return runCommand(plugin_, context_, command, std::move(keys));
-  }
-  static long long status(const PropertyList& r, const char* key = "status") {
-    const PropertyList* s = r.get(key);
-    return s ? s->int64Value().value_or(-99) : -99;
-  }
-  static constexpr const char* kUuid = "0A0A0A0A-0000-4000-8000-00000000000A";
-  ScopedFakeClock clock_;
-  LogCapture log_;
-  VelmPlugin plugin_;
-  PropertyList context_ = PropertyList::dict();
-};
+using NodeConfigurationTest = NodeTest;
 
 TEST_F(NodeConfigurationTest, AnEmptyRequestTouchesNothing) {
   auto before = sandbox_.listing();
@@ -162,7 +128,7 @@ TEST_F(NodeConfigurationTest, VelmdHearsOfARoleChangeOrElseOfARestart) {
     for (int i = 0; i < 100 && (count("roleChanged") < row.roleChanged ||
                                 count("sanConfigChanged") < row.sanConfigChanged);
          ++i)
-      velmd.waitForText("\n", std::chrono::milliseconds(20));
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
     EXPECT_EQ(count("roleChanged"), row.roleChanged) << row.what;
     EXPECT_EQ(count("sanConfigChanged"), row.sanConfigChanged) << row.what;
   }

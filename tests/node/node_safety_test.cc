@@ -8,10 +8,8 @@
 #include <filesystem>
 
 #include "config/config_test_util.h"
-#include "core/san_computer.h"
-#include "core/velm_plugin.h"
-#include "gateway/san_filesystem.h"
 #include "node/network_port.h"
+#include "node/node_fixture.h"
 #include "node/upgrade.h"
 #include "platform/clock.h"
 #include "platform/paths.h"
@@ -25,33 +23,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class NodeSafetyTest : public SandboxTest {
+class NodeSafetyTest : public NodeTest {
  protected:
   void SetUp() override {
-    installNodeTools(sandbox_);
-    sandbox_.write("/Library/Filesystems/Velm/config/uuid", "0A0A0A0A-0000-4000-8000-00000000000A");
-    sandbox_.write("/sys/class/net/eth0/ifindex", "2\n");
+    NodeTest::SetUp();
     outside_ = sandbox_.write("/outside/target", "keep me");
-    ::setenv("VELM_SYSFS", sandbox_.path("/sys").c_str(), 1);
-    resetPathsForTest();
-    SANComputer::resetForTest();
-    SANFilesystem::resetForTest();
-  }
-  void TearDown() override {
-    ::unsetenv("VELM_SYSFS");
-    resetPathsForTest();
-    SANComputer::resetForTest();
-    SANFilesystem::resetForTest();
-  }
-  PropertyList run(std::string_view command,
-                   std::vector<std::pair<std::string, PropertyList>> keys = {}) {
-    return runCommand(plugin_, context_, command, std::move(keys));
   }
   std::string outside_;
-  ScopedFakeClock clock_;
-  LogCapture log_;
-  VelmPlugin plugin_;
-  PropertyList context_ = PropertyList::dict();
 };
 
 TEST_F(NodeSafetyTest, PlantedLinksAreReplacedOrLeftButNeverFollowed) {
