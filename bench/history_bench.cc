@@ -48,6 +48,7 @@
 #include "adminlib/qmadminlib.h"
 #include "adminlib/sock46.h"
 #include "bench_support.h"
+#include "lookup_counter.h"
 #include "sim_port_mapper.h"
 #include "config/config_test_util.h"
 #include "core/san_computer.h"
@@ -60,8 +61,9 @@
 #include "platform/socket_io.h"
 
 namespace {
-std::atomic<long> gSends{0}, gConnects{0}, gLookups{0};
-std::atomic<long long> gLookupNs{0};
+std::atomic<long> gSends{0}, gConnects{0};
+using velm::bench::gLookupNs;
+using velm::bench::gLookups;
 }  // namespace
 
 // Every request the admin library puts on the wire leaves in one send() call, and every
@@ -83,22 +85,6 @@ extern "C" int connect(int fd, const struct sockaddr* addr, socklen_t len) {
   return real(fd, addr, len);
 }
 
-// The FSM's host name is a reverse look-up, which may leave the machine: counted and timed apart.
-extern "C" int getnameinfo(const struct sockaddr* sa, socklen_t salen, char* host,
-                           socklen_t hostlen, char* serv, socklen_t servlen, int flags) {
-  using Fn = int (*)(const struct sockaddr*, socklen_t, char*, socklen_t, char*, socklen_t, int);
-  static const Fn real = reinterpret_cast<Fn>(::dlsym(RTLD_NEXT, "getnameinfo"));
-  if (!real) return EAI_SYSTEM;
-  if (flags & NI_NUMERICHOST) return real(sa, salen, host, hostlen, serv, servlen, flags);
-  auto start = std::chrono::steady_clock::now();
-  int rc = real(sa, salen, host, hostlen, serv, servlen, flags);
-  gLookupNs.fetch_add(
-      std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - start)
-          .count(),
-      std::memory_order_relaxed);
-  gLookups.fetch_add(1, std::memory_order_relaxed);
-  return rc;
-}
 
 namespace {
 

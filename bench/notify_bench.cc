@@ -69,18 +69,10 @@ std::string fsmEntry(const std::string& name) {
 }
 
 bool prepareRoot() {
-  char tmpl[] = "/tmp/velm-notify-bench-XXXXXX";
-  if (!::mkdtemp(tmpl)) return false;
-  gRoot = tmpl;
-  gLog = gRoot + "/simpm.log";
   int port = freePort();
-  ::setenv("VELM_ROOT", gRoot.c_str(), 1);
-  ::setenv("VELM_LOG", "/dev/null", 1);
-  ::setenv("VELM_HOST_ADDRESSES", kController, 1);
-  ::setenv("VELM_PROBE_PORT", std::to_string(port).c_str(), 1);
-  ::setenv("VELM_PROCFS", (gRoot + "/proc").c_str(), 1);
-  ::unsetenv("DRFSROOT");
-  velm::resetPathsForTest();
+  gRoot = velm::bench::makeControllerRoot("velm-notify-bench", kController, port);
+  if (gRoot.empty()) return false;
+  gLog = gRoot + "/simpm.log";
   std::string config = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n"
                        "<dict>\n<key>fsms</key><array>\n";
   for (int i = 0; i < kVolumes; ++i) config += fsmEntry(volumeName(i));

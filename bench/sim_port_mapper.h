@@ -3,6 +3,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <stdlib.h>
 #include <spawn.h>
 #include <sys/wait.h>
 
@@ -15,6 +16,7 @@
 #include "adminlib/qmadminlib.h"
 #include "adminlib/sock46.h"
 #include "platform/clock.h"
+#include "platform/paths.h"
 
 extern char** environ;
 
@@ -32,6 +34,22 @@ inline void initAdminLibrary() {
   ResetAddrLists();
   QMAdmin_SetPrivilegedForTest(1);
   QMAdmin_Init();
+}
+
+// A fresh root for the plugin and the stand-in, as on a controller at address whose daemons
+// listen on port (the probe port: the controller counts as reachable), with a process table of
+// its own; the environment and the path resolver point at it. Empty when none could be made.
+inline std::string makeControllerRoot(const char* prefix, const char* address, int port) {
+  std::string tmpl = std::string("/tmp/") + prefix + "-XXXXXX";
+  if (!::mkdtemp(tmpl.data())) return {};
+  ::setenv("VELM_ROOT", tmpl.c_str(), 1);
+  ::setenv("VELM_LOG", "/dev/null", 1);
+  ::setenv("VELM_HOST_ADDRESSES", address, 1);
+  ::setenv("VELM_PROBE_PORT", std::to_string(port).c_str(), 1);
+  ::setenv("VELM_PROCFS", (tmpl + "/proc").c_str(), 1);
+  ::unsetenv("DRFSROOT");
+  resetPathsForTest();
+  return tmpl;
 }
 
 // Starts program as velm-simpm for root on listen (argv[0] as given: the process table name),

@@ -33,6 +33,7 @@
 #include "adminlib/qmadminlib.h"
 #include "adminlib/sock46.h"
 #include "bench_support.h"
+#include "lookup_counter.h"
 #include "sim_port_mapper.h"
 #include "config/config_parser.h"
 #include "config/config_test_util.h"
@@ -51,8 +52,8 @@ using velm::bench::binDir;
 using velm::bench::freePort;
 using velm::bench::writeFile;
 std::atomic<long> gSends{0};
-std::atomic<long> gLookups{0};
-std::atomic<long long> gLookupNs{0};
+using velm::bench::gLookupNs;
+using velm::bench::gLookups;
 }  // namespace
 
 // Every request the admin library puts on the wire (discovery, port mapper and FSM alike) leaves
@@ -64,23 +65,6 @@ extern "C" ssize_t send(int fd, const void* buf, size_t len, int flags) {
   return ::sendto(fd, buf, len, flags, nullptr, 0);
 }
 
-// The controller's host name comes from a reverse look-up, which asks the resolver when the hosts
-// file does not know the address; counted and timed so the figures can say what it costs.
-extern "C" int getnameinfo(const struct sockaddr* sa, socklen_t salen, char* host,
-                           socklen_t hostlen, char* serv, socklen_t servlen, int flags) {
-  using Fn = int (*)(const struct sockaddr*, socklen_t, char*, socklen_t, char*, socklen_t, int);
-  static const Fn real = reinterpret_cast<Fn>(::dlsym(RTLD_NEXT, "getnameinfo"));
-  if (!real) return EAI_SYSTEM;
-  if (flags & NI_NUMERICHOST) return real(sa, salen, host, hostlen, serv, servlen, flags);
-  auto start = std::chrono::steady_clock::now();
-  int rc = real(sa, salen, host, hostlen, serv, servlen, flags);
-  gLookupNs.fetch_add(
-      std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - start)
-          .count(),
-      std::memory_order_relaxed);
-  gLookups.fetch_add(1, std::memory_order_relaxed);
-  return rc;
-}
 
 namespace {
 
@@ -129,20 +113,10 @@ std::string fsmEntry(const std::string& name) {
 // One root for the plugin and the stand-in, as on a controller: the stand-in's config, the
 // fsports both read, and the 100 volume files.
 bool prepareRoot() {
-  char tmpl[] = "/tmp/velm-volumes-bench-XXXXXX";
-  if (!::mkdtemp(tmpl)) return false;
-  gRoot = tmpl;
-  gLog = gRoot + "/simpm.log";
   int port = freePort();
-  ::setenv("VELM_ROOT", gRoot.c_str(), 1);
-  ::setenv("VELM_LOG", "/dev/null", 1);
-  ::setenv("VELM_HOST_ADDRESSES", kController, 1);
-  // The port mapper's own port: the controller counts as reachable.
-  ::setenv("VELM_PROBE_PORT", std::to_string(port).c_str(), 1);
-  // A process table of one fsmpm (the stand-in, named below), not this machine's.
-  ::setenv("VELM_PROCFS", (gRoot + "/proc").c_str(), 1);
-  ::unsetenv("DRFSROOT");
-  velm::resetPathsForTest();
+  gRoot = velm::bench::makeControllerRoot("velm-volumes-bench", kController, port);
+  if (gRoot.empty()) return false;
+  gLog = gRoot + "/simpm.log";
   std::string config =
       "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
       "<key>fsms</key><array>\n";
