@@ -161,6 +161,15 @@ class CrashSafetyTest : public ::testing::Test {
                                               PlistArray{PropertyList("/LDAPv3/10.1.1.1")}}})));
   }
 
+  // A legacy root ready for the command under test: for leaving, joined first. Its request file.
+  std::string prepared(SandboxRoot& root, bool joining) {
+    legacyRoot(root);
+    std::string request = joinRequest(root);
+    if (joining) return request;
+    EXPECT_EQ(runToEnd(root, request), 0);
+    return leaveRequest(root);
+  }
+
   // Each kill leaves every file old or new; the run again ends in the whole run's state.
   void checkKilled(SandboxRoot& root, const Files& before, const Files& after,
                    const std::string& request, const std::string& when) {
@@ -211,12 +220,7 @@ TEST_F(CrashSafetyTest, JoiningAndLeavingSurviveAKillAnywhere) {
   std::mt19937 random(20261125);
   auto killAt = [&](std::chrono::steady_clock::duration span, bool joining, int i) {
     SandboxRoot root;
-    legacyRoot(root);
-    std::string request = joinRequest(root);
-    if (!joining) {
-      ASSERT_EQ(runToEnd(root, request), 0);
-      request = leaveRequest(root);
-    }
+    std::string request = prepared(root, joining);
     auto wait = std::uniform_int_distribution<long long>(
         0, std::chrono::duration_cast<std::chrono::microseconds>(span).count())(random);
     pid_t pid = startVelmadmin(root, request);
@@ -233,12 +237,7 @@ TEST_F(CrashSafetyTest, JoiningAndLeavingSurviveAKillAnywhere) {
   for (const char* tool : {"rosterbind", "rosterctl", "svcload", "ps"}) {
     bool joining = std::string(tool) == "rosterbind" || std::string(tool) == "rosterctl";
     SandboxRoot root;
-    legacyRoot(root);
-    std::string request = joinRequest(root);
-    if (!joining) {
-      ASSERT_EQ(runToEnd(root, request), 0);
-      request = leaveRequest(root);
-    }
+    std::string request = prepared(root, joining);
     PropertyList hang = PropertyList::dict();
     hang.set("hang", true);
     writeToolBehaviour(root, tool, hang);
