@@ -157,7 +157,12 @@ TEST_F(DispatchTest, TestPerformanceClampsIterationsAndSkipsCommandsWithoutHandl
     log_.clear();
     PropertyList request = command("testPerformance");
     if (!row.iterations.isNull()) request.set("iterations", row.iterations);
-    std::optional<PropertyList> r = plugin_.testPerformanceWithRequest(request);
+    // As a handler it runs under the plugin lock, which the event thread's work takes too.
+    std::optional<PropertyList> r;
+    {
+      std::scoped_lock lock(plugin_.pluginLock());
+      r = plugin_.testPerformanceWithRequest(request);
+    }
     ASSERT_TRUE(r);
     const PropertyList* state = r->get("getState");
     ASSERT_TRUE(state);
