@@ -241,7 +241,8 @@ TEST_F(NodeToolsTest, RosterbindBindsEachServerOnce) {
   EXPECT_EQ(run("rosterbind", {"-a", "auth.example.com", "-u", "diradmin"}, "nope\n").status, 77);
   EXPECT_EQ(run("rosterbind", {"-a", "auth.example.com", "-u", "diradmin"}).status, 77);
   EXPECT_EQ(run("rosterbind", {"-a", "auth.example.com", "-u", "diradmin"}, "pw\n").status, 0);
-  const PropertyList* bind = plistAt(kDirectoryBinds).get("auth.example.com");
+  PropertyList binds = plistAt(kDirectoryBinds);
+  const PropertyList* bind = binds.get("auth.example.com");
   ASSERT_TRUE(bind);
   EXPECT_EQ(*bind, dict({{"user", "diradmin"}}));
 
