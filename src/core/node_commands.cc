@@ -163,25 +163,29 @@ std::optional<PropertyList> VelmPlugin::writeConfigurationWithRequest(const Prop
     }
   }
 
+  bool writesConfig = false;
+  for (const char* key : {"role", "sanName", "ownerName", "ownerEmail", "computers",
+                          "desiredSearchPolicy"})
+    writesConfig = writesConfig || request.get(key);
+
+  std::optional<PropertyList> upgraded;
   if (const PropertyList* upgrade = request.get("doUpgrade"); upgrade && upgrade->boolValue()) {
-    UpgradeOutcome outcome = doUpgradeToVelm2(computer.isController());
+    // config.plist is written once, below, when this command changes it too.
+    UpgradeOutcome outcome = doUpgradeToVelm2(computer.isController(), !writesConfig);
     restart = restart || outcome.restart;
     if (outcome.error) {
       if (restart) fs.sanConfigChanged();
       return outcome.error;
     }
+    upgraded = std::move(outcome.mergedConfig);
   }
 
   bool becomesPrimary = false, wasPrimary = false;
   PropertyList config = PropertyList::dict();
-  bool writesConfig = false;
-  for (const char* key : {"role", "sanName", "ownerName", "ownerEmail", "computers",
-                          "desiredSearchPolicy"})
-    writesConfig = writesConfig || request.get(key);
   if (writesConfig) {
     std::string path = configPath("config.plist");
-    std::optional<PropertyList> stored = readDictionaryFile(path);
-    bool fresh = !stored;
+    std::optional<PropertyList> stored = upgraded ? upgraded : readDictionaryFile(path);
+    bool fresh = !pathExists(path);
     config = stored.value_or(PropertyList::dict());
     if (const PropertyList* role = request.get("role")) {
       const PropertyList* old = config.get("role");
@@ -203,6 +207,8 @@ std::optional<PropertyList> VelmPlugin::writeConfigurationWithRequest(const Prop
       NError("%s: Could not write config dict '%@' to file '%@'", kWrite, config, path);
       failed = true;
     }
+    // Their keys are in config.plist now, or would be had the write worked.
+    if (upgraded) removeLegacyPlists();
 
     if (becomesPrimary || wasPrimary) {
       PropertyList prefs = PropertyList::dict();

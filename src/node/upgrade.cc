@@ -100,7 +100,12 @@ std::string upgradedFsmList(std::string_view text) {
   return out;
 }
 
-UpgradeOutcome doUpgradeToVelm2(bool controller) {
+void removeLegacyPlists() {
+  std::remove(configPath("saninfo.plist").c_str());
+  std::remove(configPath("role.plist").c_str());
+}
+
+UpgradeOutcome doUpgradeToVelm2(bool controller, bool writeConfig) {
   UpgradeOutcome outcome;
   std::string fsmlist = configPath("fsmlist");
   if (std::optional<std::string> text = readFile(fsmlist)) {
@@ -124,12 +129,15 @@ UpgradeOutcome doUpgradeToVelm2(bool controller) {
     if (const PropertyList* name = info->get("name")) config.set("sanName", *name);
   if (std::optional<PropertyList> r = readDictionaryFile(role))
     if (const PropertyList* value = r->get("role")) config.set("role", *value);
+  outcome.restart = true;
+  if (!writeConfig) {
+    outcome.mergedConfig = std::move(config);
+    return outcome;
+  }
   if (writeFileAtomically(configFile, writeXmlPlist(config)) != 0)
     NError("%s: Could not write config dict '%@' to file '%@'", "doUpgradeToVelm2", config,
            configFile);
-  std::remove(sanInfo.c_str());
-  std::remove(role.c_str());
-  outcome.restart = true;
+  removeLegacyPlists();
   return outcome;
 }
 

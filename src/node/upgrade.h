@@ -18,9 +18,16 @@ std::string upgradedFsmList(std::string_view text);
 struct UpgradeOutcome {
   std::optional<PropertyList> error;
   bool restart = false;  // the legacy plists were merged
+  // Without writeConfig: config.plist as the merge makes it, for the caller to write with its
+  // own changes and then call removeLegacyPlists().
+  std::optional<PropertyList> mergedConfig;
 };
 
-// The three stages; controller says whether volume limits are raised.
-UpgradeOutcome doUpgradeToVelm2(bool controller);
+// The three stages; controller says whether volume limits are raised. writeConfig false leaves
+// config.plist to the caller, so a command that changes it too writes it once: a kill between
+// two writes would leave a state neither old nor new.
+UpgradeOutcome doUpgradeToVelm2(bool controller, bool writeConfig = true);
+// Removes role.plist and saninfo.plist, whose keys config.plist holds now.
+void removeLegacyPlists();
 
 }  // namespace velm
