@@ -69,13 +69,15 @@ void removeConfigurationFiles() {
   for (const fs::path& p : entries) {
     std::string ext = p.extension().string();
     std::string stem = p.stem().string();
-    // Never through a link out of the directory: remove() takes the link itself.
+    // Never through a link out of the directory: remove() takes the link itself. The aux data
+    // goes first: a kill between the two leaves the .cfg, which a repeat finds and removes with
+    // it.
     if (ext == ".cfg") {
-      fs::remove(p, ec);
       fs::remove(format("%@/%@-auxdata.plist", dir, stem), ec);
-    } else if (ext == ".cfg-old") {
       fs::remove(p, ec);
+    } else if (ext == ".cfg-old") {
       fs::remove(format("%@/%@-auxdata.plist-old", dir, stem), ec);
+      fs::remove(p, ec);
     }
   }
   for (const char* name : {"fsmlist", "drlabels", "notifications.plist"})
