@@ -48,7 +48,7 @@
 #include "adminlib/qmadminlib.h"
 #include "adminlib/sock46.h"
 #include "bench_support.h"
-#include "lookup_counter.h"
+#include "wire_counters.h"
 #include "sim_port_mapper.h"
 #include "config/config_test_util.h"
 #include "core/san_computer.h"
@@ -61,18 +61,13 @@
 #include "platform/socket_io.h"
 
 namespace {
-std::atomic<long> gSends{0}, gConnects{0};
+std::atomic<long> gConnects{0};
 using velm::bench::gLookupNs;
+using velm::bench::gSends;
 using velm::bench::gLookups;
 }  // namespace
 
-// Every request the admin library puts on the wire leaves in one send() call, and every
-// connection it opens in one connect(): counting the calls counts both.
-extern "C" ssize_t send(int fd, const void* buf, size_t len, int flags) {
-  gSends.fetch_add(1, std::memory_order_relaxed);
-  return ::sendto(fd, buf, len, flags, nullptr, 0);
-}
-
+// Every connection the admin library opens is one connect(): counted beside the sends.
 extern "C" int connect(int fd, const struct sockaddr* addr, socklen_t len) {
   using Fn = int (*)(int, const struct sockaddr*, socklen_t);
   static const Fn real = reinterpret_cast<Fn>(::dlsym(RTLD_NEXT, "connect"));

@@ -33,7 +33,7 @@
 #include "adminlib/qmadminlib.h"
 #include "adminlib/sock46.h"
 #include "bench_support.h"
-#include "lookup_counter.h"
+#include "wire_counters.h"
 #include "sim_port_mapper.h"
 #include "config/config_parser.h"
 #include "config/config_test_util.h"
@@ -51,20 +51,10 @@ namespace {
 using velm::bench::binDir;
 using velm::bench::freePort;
 using velm::bench::writeFile;
-std::atomic<long> gSends{0};
 using velm::bench::gLookupNs;
+using velm::bench::gSends;
 using velm::bench::gLookups;
 }  // namespace
-
-// Every request the admin library puts on the wire (discovery, port mapper and FSM alike) leaves
-// in one send() call, so counting the calls counts the requests. velm-simpm's log would not do:
-// it has no line for the FSM's statistics, stripe-group and client requests. The C library's own
-// sends (its resolver's) do not come through here.
-extern "C" ssize_t send(int fd, const void* buf, size_t len, int flags) {
-  gSends.fetch_add(1, std::memory_order_relaxed);
-  return ::sendto(fd, buf, len, flags, nullptr, 0);
-}
-
 
 namespace {
 

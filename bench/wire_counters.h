@@ -1,6 +1,7 @@
-// Reverse look-ups counted and timed: the FSM's host name comes from one, which asks the resolver
-// when the hosts file doesn't know the address, so the figures can say what it costs. Include in
-// one file of a benchmark program only: it defines getnameinfo for the whole program.
+// What the admin library puts on the wire, counted: every request leaves in one send() call (the
+// C library's resolver doesn't come through here), and reverse look-ups, counted and timed, since
+// the FSM's host name comes from one that may ask the resolver. Include in one file of a
+// benchmark program only: it defines send and getnameinfo for the whole program.
 #pragma once
 
 #include <dlfcn.h>
@@ -11,9 +12,15 @@
 #include <chrono>
 
 namespace velm::bench {
+inline std::atomic<long> gSends{0};
 inline std::atomic<long> gLookups{0};
 inline std::atomic<long long> gLookupNs{0};
 }  // namespace velm::bench
+
+extern "C" ssize_t send(int fd, const void* buf, size_t len, int flags) {
+  velm::bench::gSends.fetch_add(1, std::memory_order_relaxed);
+  return ::sendto(fd, buf, len, flags, nullptr, 0);
+}
 
 extern "C" int getnameinfo(const struct sockaddr* sa, socklen_t salen, char* host,
                            socklen_t hostlen, char* serv, socklen_t servlen, int flags) {
