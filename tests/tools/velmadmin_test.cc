@@ -27,6 +27,40 @@ TEST_F(VelmadminTest, LocalGetStatePrintsTheResponse) {
   EXPECT_TRUE(response.get("perfFunctionMicroseconds"));
 }
 
+TEST_F(VelmadminTest, TextIsATreeAndListsOfRecordsAreTables) {
+  sandbox_.write("/Library/Filesystems/Velm/config/uuid", "0A0A0A0A-0000-4000-8000-00000000000A");
+  auto note = [](const char* name, const char* contents) {
+    PropertyList n = PropertyList::dict();
+    n.set("class", "volume");
+    n.set("name", name);
+    n.set("contents", contents);
+    return n;
+  };
+  PropertyList set = PropertyList::dict();
+  set.set("command", "setNotes");
+  set.set("notes", PlistArray{note("Projects", "edit bay"), note("Media", "two\nlines")});
+  ASSERT_EQ(velmadmin({"--local", "--request", "-"}, writeXmlPlist(set)).status, 0);
+
+  PropertyList all = PropertyList::dict();
+  all.set("command", "getAllNotes");
+  all.set("classes", PlistArray{PropertyList("volume")});
+  test::ProgramResult r = velmadmin({"--local", "--format", "text", "--request", "-"},
+                                    writeXmlPlist(all));
+  ASSERT_EQ(r.status, 0) << r.err;
+  EXPECT_NE(r.out.find("notes:\n"
+                       "  class   contents    name\n"
+                       "  volume  two\\nlines  Media\n"
+                       "  volume  edit bay    Projects\n"),
+            std::string::npos)
+      << r.out;
+
+  r = velmadmin({"--local", "--format", "text", "getNotificationsTypes"});
+  EXPECT_NE(r.out.find("types:\n  - freeSpace\n  - quota\n  - fibre\n  - failover\n"),
+            std::string::npos)
+      << r.out;
+  EXPECT_NE(r.out.find("perfDispatchMicroseconds: "), std::string::npos);
+}
+
 TEST_F(VelmadminTest, RefusedCommandPrintsNothingAndExits2) {
   test::ProgramResult r = velmadmin({"--local", "xx"});
   EXPECT_EQ(r.status, 2);
