@@ -188,8 +188,12 @@ void BM_RequestPathInProcess(benchmark::State& state) {
   }
   velm::CommandRouter router(gToken, {{"velm", plugins.front().get()}});
   std::string authorization = "Bearer " + gToken;
+  velm::CommandRequest request;
+  request.plugin = "velm";
+  request.authorization = authorization;
+  request.body = gRequestBody;
   for (auto _ : state) {
-    velm::CommandAnswer answer = router.handle("velm", authorization, gRequestBody, false);
+    velm::CommandAnswer answer = router.handle(request);
     benchmark::DoNotOptimize(answer.body.data());
   }
   state.SetItemsProcessed(state.iterations());

@@ -228,4 +228,18 @@ std::optional<std::string> do_get_named_history_data(std::string_view name, cons
   return std::nullopt;
 }
 
+std::optional<std::vector<std::optional<std::int64_t>>> lastHistoryRow(const PlistData& block) {
+  if (!historyTableColumns(block)) return std::nullopt;
+  Table t(const_cast<PlistData&>(block));  // only read
+  std::uint32_t row = Table::row(1, t.cursor(1));
+  if (t.cell(row, 0) == kHistoryEmptyCell) return std::nullopt;
+  std::vector<std::optional<std::int64_t>> cells;
+  for (std::uint32_t c = 0; c <= t.columns(); ++c) {
+    std::uint64_t v = t.cell(row, c);
+    if (v == kHistoryEmptyCell) cells.emplace_back();
+    else cells.emplace_back(static_cast<std::int64_t>(v));
+  }
+  return cells;
+}
+
 }  // namespace velm

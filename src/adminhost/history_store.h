@@ -16,6 +16,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "plist/plist.h"
 
@@ -43,6 +44,10 @@ void purgeVolumeHistory(std::string_view volume, PropertyList* context);
 PlistData newHistoryTable(std::uint32_t columns);
 // The column count of a block that is a well-formed table, else nothing.
 std::optional<std::uint32_t> historyTableColumns(const PlistData& block);
+
+// The newest row of the first ring: cell 0 the time, then each column; empty cells are nothing.
+// Nothing when block is not a well-formed table or holds no row yet.
+std::optional<std::vector<std::optional<std::int64_t>>> lastHistoryRow(const PlistData& block);
 
 // Appends values as one row of the table "history" of context, at the store's clock time.
 bool do_update_history_data(const PropertyList& values, PropertyList* context);

@@ -20,6 +20,15 @@ class PluginRequestHandler {
                                                                 PropertyList* context,
                                                                 std::int32_t* lockFileFD) = 0;
 
+  // Figures for the host's /metrics, read from the context alone (never from peers, so a scrape
+  // costs no wire request): an array of families { name, help, type ("gauge" or "counter"),
+  // samples: [{ labels: { name: value }, value: number }] }. The host calls it between requests,
+  // never during one. Nothing by default.
+  virtual std::optional<PropertyList> metricsFromContext(const PropertyList& context) const {
+    (void)context;
+    return std::nullopt;
+  }
+
  protected:
   // storeContext:request:andLockFD: keeps the three for the running request.
   void storeContext(PropertyList* context, const PropertyList& request, std::int32_t* lockFD);

@@ -27,6 +27,8 @@ class VelmPlugin : public PluginRequestHandler {
 
   std::optional<PropertyList> doProcessInputWithRequest(const PropertyList& request, PropertyList* context,
                                                         std::int32_t* lockFileFD) override;
+  // Each volume's FSM figures from its table's newest row, and each fibre port's bytes.
+  std::optional<PropertyList> metricsFromContext(const PropertyList& context) const override;
 
   // The command table, in order.
   static std::span<const std::string_view> allDispatchStrings();

@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <sys/auxv.h>
 #include <sys/file.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
@@ -19,6 +20,7 @@
 #include "adminhost/context_store.h"
 #include "host/admin_token.h"
 #include "host/command_router.h"
+#include "host/host_metrics.h"
 #include "host/host_log.h"
 #include "host/idle_ticker.h"
 #include "platform/clock.h"
@@ -29,6 +31,12 @@
 #ifndef VELM_INSTALL_PLUGIN_DIR
 #define VELM_INSTALL_PLUGIN_DIR "/usr/local/lib/adminhost"
 #endif
+#ifndef VELM_INSTALL_WWW_DIR
+#define VELM_INSTALL_WWW_DIR "/usr/local/share/adminhostd/www"
+#endif
+#ifndef VELM_CHARTJS_PATH
+#define VELM_CHARTJS_PATH "/usr/share/javascript/chart.js/chart.min.js"
+#endif
 
 namespace velm {
 namespace {
@@ -37,7 +45,12 @@ namespace {
 // closed so that one busy client can't keep a thread for ever.
 constexpr size_t kKeepAliveMaxRequests = 1000;
 constexpr time_t kKeepAliveSeconds = 5;
-constexpr const char* kPlistType = "application/x-plist";
+constexpr const char* kMetricsType = "text/plain; version=0.0.4; charset=utf-8";
+// The dashboard loads nothing from elsewhere and runs no inline script: even a value that got
+// into the page as markup could not run.
+constexpr const char* kContentSecurityPolicy =
+    "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self' data:; "
+    "connect-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
 
 std::string executableDirectory() {
   char resolved[PATH_MAX];
@@ -54,6 +67,13 @@ bool holdsPlugins(const std::string& dir) {
   for (std::filesystem::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec))
     if (pluginNameForFile(it->path().filename().string())) return true;
   return false;
+}
+
+void setPageHeaders(httplib::Response& res) {
+  res.set_header("Content-Security-Policy", kContentSecurityPolicy);
+  res.set_header("X-Content-Type-Options", "nosniff");
+  res.set_header("Referrer-Policy", "no-referrer");
+  res.set_header("Cache-Control", "no-cache");
 }
 
 std::string urlHost(const std::string& host) {
@@ -76,6 +96,35 @@ std::string AdminHost::pluginsDirectory() const {
   return VELM_INSTALL_PLUGIN_DIR;
 }
 
+std::string AdminHost::wwwDirectory() const {
+  if (!options_.wwwDir.empty()) return options_.wwwDir;
+  std::string exeDir = executableDirectory();
+  for (std::string dir : {exeDir + "/../share/adminhostd/www", std::string(VELM_INSTALL_WWW_DIR)}) {
+    std::error_code ec;
+    if (std::filesystem::is_regular_file(dir + "/index.html", ec))
+      return std::filesystem::path(dir).lexically_normal().string();
+  }
+  return VELM_INSTALL_WWW_DIR;
+}
+
+std::string AdminHost::renderMetrics() {
+  std::string out;
+  out.reserve(16384);
+  metrics_.render(out);
+  appendMetricHeader(out, "adminhostd_context_saves_total", "Context writes begun, by plugin.", "counter");
+  for (const auto& p : plugins_)
+    appendMetricSample(out, "adminhostd_context_saves_total", {{"plugin", p->name()}},
+                       std::to_string(p->contextSaves()));
+  appendMetricHeader(out, "adminhostd_context_save_failures_total", "Context writes that failed, by plugin.",
+                     "counter");
+  for (const auto& p : plugins_)
+    appendMetricSample(out, "adminhostd_context_save_failures_total", {{"plugin", p->name()}},
+                       std::to_string(p->contextSaveFailures()));
+  for (const auto& p : plugins_)
+    if (std::optional<PropertyList> families = p->metrics()) appendPluginFamilies(out, p->name(), *families);
+  return out;
+}
+
 void AdminHost::tick(std::uint64_t count) {
   PropertyList request = PropertyList::dict();
   request.set("command", "doIdle");
@@ -84,6 +133,7 @@ void AdminHost::tick(std::uint64_t count) {
     std::uint64_t started = clock().monotonicMicros();
     PluginCall call = plugin->call(request, true);
     std::uint64_t micros = clock().monotonicMicros() - started;
+    metrics_.recordIdleTick(plugin->name(), micros);
     if (call.outcome == PluginCall::Outcome::NoResponse)
       HostLog("plugin %s gave no response to doIdle at count %llu", plugin->name(),
               static_cast<unsigned long long>(count));
@@ -131,7 +181,18 @@ int AdminHost::run() {
   CommandRouter router(token.token, std::move(byName));
 
   // The same service on every address: plain HTTP or HTTPS as listenUsesTls says.
-  auto setUp = [&](httplib::Server& s) {
+  std::string wwwDir = wwwDirectory();
+  {
+    std::error_code ec;
+    if (!std::filesystem::is_regular_file(wwwDir + "/index.html", ec)) {
+      HostLog("no dashboard in %s; GET / will get 404", wwwDir);
+      wwwDir.clear();
+    }
+  }
+  // Debian's Chart.js, read once: the dashboard's graphs.
+  std::string chartJs = readFile(VELM_CHARTJS_PATH).value_or("");
+  if (chartJs.empty()) HostLog("no %s; the dashboard will have no graphs", VELM_CHARTJS_PATH);
+  auto setUp = [&](httplib::Server& s, const HostOptions::Listen& listen) {
     // Without TCP_NODELAY, Nagle holds each small answer back for the client's delayed ACK.
     s.set_tcp_nodelay(true);
     s.set_keep_alive_max_count(kKeepAliveMaxRequests);
@@ -145,10 +206,16 @@ int AdminHost::run() {
           res.body.clear();
         });
     // A caller without the token is turned away before its body is read, and its connection
-    // closed, so that it can neither make us read megabytes nor hold a pool thread.
+    // closed, so that it can neither make us read megabytes nor hold a pool thread. The
+    // dashboard's own files hold no data and are open to all; /metrics is too with --metrics-open,
+    // on loopback.
     const std::string& expectedToken = token.token;
+    bool metricsOpen = options_.metricsOpen && isLoopbackHost(listen.host);
     s.set_pre_routing_handler(
-        [&expectedToken](const httplib::Request& req, httplib::Response& res) {
+        [&expectedToken, metricsOpen](const httplib::Request& req, httplib::Response& res) {
+          bool read = req.method == "GET" || req.method == "HEAD";
+          if (read && (req.path == "/metrics" ? metricsOpen : true))
+            return httplib::Server::HandlerResponse::Unhandled;
           if (bearerTokenMatches(req.get_header_value("Authorization"), expectedToken))
             return httplib::Server::HandlerResponse::Unhandled;
           res.status = 401;
@@ -156,9 +223,24 @@ int AdminHost::run() {
           HostLog("%s %s - 401 refused: no valid bearer token", req.method, req.path);
           return httplib::Server::HandlerResponse::Handled;
         });
+    if (!wwwDir.empty()) {
+      s.set_mount_point("/", wwwDir);
+      s.set_file_request_handler([](const httplib::Request&, httplib::Response& res) { setPageHeaders(res); });
+    }
+    s.Get("/vendor/chart.js", [&chartJs](const httplib::Request&, httplib::Response& res) {
+      if (chartJs.empty()) {
+        res.status = 404;
+        return;
+      }
+      setPageHeaders(res);
+      res.set_content(chartJs, "text/javascript; charset=utf-8");
+    });
+    s.Get("/metrics", [this](const httplib::Request&, httplib::Response& res) {
+      res.set_content(renderMetrics(), kMetricsType);
+    });
     size_t maxBody = options_.maxBodyBytes;
     s.Post(R"(/commands/([^/]+))",
-                [&router, maxBody](const httplib::Request& req, httplib::Response& res,
+                [this, &router, maxBody](const httplib::Request& req, httplib::Response& res,
                                    const httplib::ContentReader& reader) {
                   std::uint64_t started = clock().monotonicMicros();
                   // The body is always read to its end, also when it is refused, so the next request
@@ -182,13 +264,26 @@ int AdminHost::run() {
                   if (!complete && !tooLarge) {
                     answer.status = 400;
                   } else {
-                    answer = router.handle(req.matches[1].str(),
-                                           req.get_header_value("Authorization"), body, tooLarge);
+                    CommandRequest request;
+                    std::string plugin = req.matches[1].str();
+                    request.plugin = plugin;
+                    std::string authorization = req.get_header_value("Authorization");
+                    std::string contentType = req.get_header_value("Content-Type");
+                    std::string accept = req.get_header_value("Accept");
+                    request.authorization = authorization;
+                    request.contentType = contentType;
+                    request.accept = accept;
+                    request.body = body;
+                    request.bodyTooLarge = tooLarge;
+                    answer = router.handle(request);
                   }
                   res.status = answer.status;
-                  if (answer.status == 200) res.set_content(std::move(answer.body), kPlistType);
+                  if (answer.status == 200) res.set_content(std::move(answer.body), answer.contentType);
+                  std::uint64_t micros = clock().monotonicMicros() - started;
+                  if (answer.pluginKnown)
+                    metrics_.recordCommand(req.matches[1].str(), answer.command, answer.failed, micros);
                   HostLog("%s %s %s %d %lluus", req.method, req.path, answer.command, answer.status,
-                          static_cast<unsigned long long>(clock().monotonicMicros() - started));
+                          static_cast<unsigned long long>(micros));
                 });
   };
   std::vector<std::string> urls;
@@ -203,7 +298,7 @@ int AdminHost::run() {
       HostLog("cannot use the TLS certificate %s with key %s", options_.tlsCert, options_.tlsKey);
       return 1;
     }
-    setUp(*s);
+    setUp(*s, l);
     int port = l.port;
     if (port == 0) {
       port = s->bind_to_any_port(l.host);
@@ -221,6 +316,13 @@ int AdminHost::run() {
   for (const std::string& url : urls) {
     HostLog("listening on %s with %zu plugin(s) from %s", url, plugins_.size(), pluginsDir);
     std::printf("adminhostd: listening on %s\n", url.c_str());
+  }
+  // The token only to a terminal: elsewhere (a unit's journal) stdout is a log.
+  if (!wwwDir.empty() && !urls.empty()) {
+    if (::isatty(STDOUT_FILENO))
+      std::printf("adminhostd: dashboard at %s/#token=%s\n", urls.front().c_str(), token.token.c_str());
+    else
+      std::printf("adminhostd: dashboard at %s/ (token in %s)\n", urls.front().c_str(), tokenPath.c_str());
   }
   std::fflush(stdout);
 

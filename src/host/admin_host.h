@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "host/host_metrics.h"
 #include "host/host_options.h"
 #include "host/hosted_plugin.h"
 
@@ -34,11 +35,14 @@ class AdminHost {
 
  private:
   std::string pluginsDirectory() const;
+  std::string wwwDirectory() const;
+  std::string renderMetrics();
   void tick(std::uint64_t count);
 
   const HostOptions options_;
   std::vector<std::unique_ptr<HostedPlugin>> plugins_;
   std::vector<std::unique_ptr<httplib::Server>> servers_;  // one per listening address
+  HostMetrics metrics_;
 
   // Guards the flags that hand the stop over between requestStop() and run(), and stopTicker_.
   // Taken before the ticker's own mutex; nothing else is taken under it.

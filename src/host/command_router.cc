@@ -1,6 +1,9 @@
 #include "host/command_router.h"
 
+#include <charconv>
+
 #include "host/admin_token.h"
+#include "plist/plist_json.h"
 
 namespace velm {
 namespace {
@@ -16,30 +19,85 @@ std::string loggable(const std::string& command) {
   return out.empty() ? "-" : out;
 }
 
+std::string_view trimmed(std::string_view s) {
+  while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
+  while (!s.empty() && (s.back() == ' ' || s.back() == '\t')) s.remove_suffix(1);
+  return s;
+}
+
+// The q parameter of one Accept entry's parameters (";q=0.5"); 1 without one.
+double qualityOf(std::string_view params) {
+  while (!params.empty()) {
+    std::size_t semi = params.find(';');
+    std::string_view p = trimmed(params.substr(0, semi));
+    params = semi == std::string_view::npos ? std::string_view() : params.substr(semi + 1);
+    if (p.size() > 2 && (p[0] == 'q' || p[0] == 'Q') && p[1] == '=') {
+      double q = 0;
+      auto [end, ec] = std::from_chars(p.data() + 2, p.data() + p.size(), q);
+      return ec == std::errc() && q >= 0 && q <= 1 ? q : 0;
+    }
+  }
+  return 1;
+}
+
+bool responseFailed(const PropertyList& response) {
+  const PropertyList* status = response.get("status");
+  return status && status->isNumber() && status->int64Value().value_or(0) != 0;
+}
+
 }  // namespace
+
+std::string mediaType(std::string_view contentType) {
+  std::string out(trimmed(contentType.substr(0, contentType.find(';'))));
+  for (char& c : out)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  return out;
+}
+
+bool acceptsJsonFirst(std::string_view accept) {
+  double json = -1, plist = -1;
+  bool jsonBeforePlist = false;
+  while (!accept.empty()) {
+    std::size_t comma = accept.find(',');
+    std::string_view entry = accept.substr(0, comma);
+    accept = comma == std::string_view::npos ? std::string_view() : accept.substr(comma + 1);
+    std::size_t semi = entry.find(';');
+    std::string type = mediaType(entry.substr(0, semi));
+    double q = semi == std::string_view::npos ? 1 : qualityOf(entry.substr(semi + 1));
+    if (type == kJsonContentType && q > json) {
+      json = q;
+      if (plist < 0) jsonBeforePlist = true;
+    } else if ((type == kPlistContentType || type == "application/xml" || type == "text/xml") && q > plist) {
+      plist = q;
+    }
+  }
+  return json > 0 && (json > plist || (json == plist && jsonBeforePlist));
+}
 
 CommandRouter::CommandRouter(std::string token, std::map<std::string, HostedPlugin*, std::less<>> plugins)
     : token_(std::move(token)), plugins_(std::move(plugins)) {}
 
-CommandAnswer CommandRouter::handle(std::string_view plugin, std::string_view authorization,
-                                    std::string_view body, bool bodyTooLarge) const {
+CommandAnswer CommandRouter::handle(const CommandRequest& in) const {
   CommandAnswer answer;
-  if (!bearerTokenMatches(authorization, token_)) {
+  answer.failed = true;
+  if (!bearerTokenMatches(in.authorization, token_)) {
     answer.status = 401;
     return answer;
   }
-  auto it = plugins_.find(plugin);
+  auto it = plugins_.find(in.plugin);
   if (it == plugins_.end()) {
     answer.status = 404;
     return answer;
   }
-  if (bodyTooLarge) {
+  answer.pluginKnown = true;
+  if (in.bodyTooLarge) {
     answer.status = 413;
     return answer;
   }
   PlistReadOptions options;
   options.requireDictionary = true;
-  PlistReadResult request = readXmlPlist(body, options);
+  PlistReadResult request = mediaType(in.contentType) == kJsonContentType ? readJson(in.body, options)
+                                                                          : readXmlPlist(in.body, options);
   if (!request || !request.value->isDict()) {
     answer.status = 415;
     return answer;
@@ -49,7 +107,14 @@ CommandAnswer CommandRouter::handle(std::string_view plugin, std::string_view au
   switch (call.outcome) {
     case PluginCall::Outcome::Answered:
       answer.status = 200;
-      answer.body = writeXmlPlist(*call.response);
+      answer.failed = responseFailed(*call.response);
+      if (acceptsJsonFirst(in.accept)) {
+        answer.body = writeJson(*call.response, JsonLayout::Compact);
+        answer.contentType = kJsonContentType;
+      } else {
+        answer.body = writeXmlPlist(*call.response);
+        answer.contentType = kPlistContentType;
+      }
       break;
     case PluginCall::Outcome::NoResponse:
       answer.status = 400;

@@ -13,7 +13,7 @@ const char kHostUsage[] =
     "usage: adminhostd [--root DIR] [--listen HOST:PORT] [--plugins DIR]\n"
     "                  [--idle-interval SECONDS] [--context-save-interval SECONDS]\n"
     "                  [--tls-cert FILE --tls-key FILE]\n"
-    "                  [--max-body BYTES] [--threads N]\n"
+    "                  [--max-body BYTES] [--threads N] [--www DIR] [--metrics-open]\n"
     "\n"
     "Loads every adminhost_<name>.so in the plugins directory (default: ../lib beside this\n"
     "program, then ../lib/adminhost) and serves POST /commands/<name> with an XML plist request\n"
@@ -22,6 +22,9 @@ const char kHostUsage[] =
     "$VELM_ROOT/var/adminhostd/admin.token, made at first start), 404 for an unknown plugin,\n"
     "413 for a body over --max-body (default 16 MiB), 415 for a body that is not a plist "
     "dictionary.\n"
+    "A request body may also be JSON (Content-Type: application/json), and the answer is JSON\n"
+    "when Accept asks for application/json. GET / serves the dashboard, GET /metrics the\n"
+    "Prometheus metrics (with the bearer token).\n"
     "\n"
     "  --root DIR              sandbox root: sets VELM_ROOT for this process and its plugins\n"
     "  --listen HOST:PORT      default 127.0.0.1:3110; port 0 takes a free port. Repeat it to listen\n"
@@ -35,6 +38,9 @@ const char kHostUsage[] =
     "  --tls-cert F --tls-key F  serve HTTPS with this PEM certificate (chain) and key\n"
     "  --max-body BYTES        the largest request body (default 16777216)\n"
     "  --threads N             request threads (default 16); each keep-alive connection holds one\n"
+    "  --www DIR               the dashboard's files (default: ../share/adminhostd/www beside\n"
+    "                          this program, then the installed share/adminhostd/www)\n"
+    "  --metrics-open          /metrics without the token, on loopback addresses only\n"
     "\n"
     "Prints 'adminhostd: listening on URL' on stdout once it accepts requests. Plugin contexts "
     "are\n"
@@ -125,9 +131,13 @@ HostOptionsResult parseHostOptions(const std::vector<std::string>& args) {
       o.help = true;
       continue;
     }
+    if (name == "--metrics-open" && !inlineValue) {
+      o.metricsOpen = true;
+      continue;
+    }
     static const char* const kWithValue[] = {
         "--root",     "--listen",  "--plugins",  "--idle-interval", "--context-save-interval",
-        "--tls-cert", "--tls-key", "--max-body", "--threads"};
+        "--tls-cert", "--tls-key", "--max-body", "--threads",        "--www"};
     bool known = false;
     for (const char* k : kWithValue) known = known || name == k;
     if (!known) return usage("unknown option " + args[i]);
@@ -163,6 +173,9 @@ HostOptionsResult parseHostOptions(const std::vector<std::string>& args) {
     } else if (name == "--max-body") {
       if (!parseUnsigned(value, &o.maxBodyBytes) || o.maxBodyBytes == 0)
         return usage("--max-body wants a positive number of bytes, not " + value);
+    } else if (name == "--www") {
+      if (value.empty()) return usage("--www needs a directory");
+      o.wwwDir = value;
     } else if (name == "--threads") {
       if (!parseUnsigned(value, &o.threads) || o.threads == 0 || o.threads > 1024)
         return usage("--threads wants 1 to 1024, not " + value);

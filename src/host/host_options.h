@@ -25,6 +25,8 @@ struct HostOptions {
   std::string tlsCert, tlsKey;           // --tls-cert, --tls-key: serve HTTPS
   std::size_t maxBodyBytes = 16u << 20;  // --max-body: larger request bodies get 413
   std::size_t threads = 16;              // --threads: the request pool
+  std::string wwwDir;                    // --www; empty: beside the binary, then installed
+  bool metricsOpen = false;              // --metrics-open: /metrics on loopback needs no token
   bool help = false;
 };
 

@@ -126,6 +126,16 @@ int HostedPlugin::saveContext() {
   return write(snapshot, generation);
 }
 
+std::optional<PropertyList> HostedPlugin::metrics() {
+  std::scoped_lock lock(mutex_);
+  try {
+    return handler_->metricsFromContext(context_);
+  } catch (...) {
+    HostLog("plugin %s threw from metricsFromContext", name_);
+    return std::nullopt;
+  }
+}
+
 PropertyList HostedPlugin::contextForTest() {
   std::scoped_lock lock(mutex_);
   return context_;
@@ -136,12 +146,14 @@ int HostedPlugin::write(const PropertyList& snapshot, std::uint64_t generation) 
   // A newer copy is on disk already.
   if (generation < written_) return 0;
   int err = savePluginContext(name_, snapshot);
+  saves_.fetch_add(1, std::memory_order_relaxed);
   if (err == 0) {
     written_ = generation;
     return 0;
   }
   // A failed save is tried again after the next call, so a full disk costs no more than the
   // changes made while it was full.
+  saveFailures_.fetch_add(1, std::memory_order_relaxed);
   HostLog("could not save the context of plugin %s: %s", name_, std::strerror(err));
   std::scoped_lock again(mutex_);
   savePending_ = true;

@@ -1,6 +1,7 @@
 // One loaded plugin with its context and lock descriptor, and the loader that finds plugins.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -45,6 +46,13 @@ class HostedPlugin {
   // Writes the context out now (shutdown). Returns 0 or an errno value.
   int saveContext();
 
+  // The plugin's figures for /metrics (PluginRequestHandler::metricsFromContext), taken between
+  // calls; nothing when it has none or threw.
+  std::optional<PropertyList> metrics();
+  // Context writes begun since the start, and those that failed.
+  std::uint64_t contextSaves() const { return saves_.load(std::memory_order_relaxed); }
+  std::uint64_t contextSaveFailures() const { return saveFailures_.load(std::memory_order_relaxed); }
+
   // A copy of the context as it stands (tests).
   PropertyList contextForTest();
 
@@ -68,6 +76,7 @@ class HostedPlugin {
   // Serialises writes; never taken inside mutex_ (a failed write takes mutex_ inside it).
   std::mutex writeMutex_;
   std::uint64_t written_ = 0;  // the generation on disk
+  std::atomic<std::uint64_t> saves_{0}, saveFailures_{0};
 };
 
 // Loads every adminhost_<name>.so in dir (sorted by name): dlopen, adminhost_plugin_create, a

@@ -12,12 +12,10 @@ namespace velm {
 enum class OutputFormat { Xml, Json, Text };
 
 std::optional<OutputFormat> outputFormatNamed(std::string_view name);
-// XML plist document; JSON (data as base64 strings, dates as ISO 8601 strings); or text for
-// people (renderText).
+// XML plist document; JSON (plist/plist_json.h); or text for people (renderText).
 std::string renderResponse(const PropertyList& response, OutputFormat format);
 // An indented tree, one key per line; two or more dictionaries of plain values in a list as a
 // table with aligned columns.
 std::string renderText(const PropertyList& value);
-std::string toJson(const PropertyList& value);
 
 }  // namespace velm

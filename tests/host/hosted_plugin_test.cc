@@ -103,10 +103,16 @@ class CommandRouterTest : public HostedPluginTest {
 TEST_F(CommandRouterTest, ACommandThatWouldBreakALogLineIsTamed) {
   PropertyList odd = req({});
   odd.set("command", "get\nState\t");
-  CommandAnswer a = router_.handle("scripted", auth_, writeXmlPlist(odd), false);
+  std::string xml = writeXmlPlist(odd);
+  CommandRequest request;
+  request.plugin = "scripted";
+  request.authorization = auth_;
+  request.body = xml;
+  CommandAnswer a = router_.handle(request);
   EXPECT_EQ(a.status, 200);
   EXPECT_EQ(a.command, "get?State?");
-  EXPECT_EQ(router_.handle("scripted", auth_, "", false).command, "-");
+  request.body = "";
+  EXPECT_EQ(router_.handle(request).command, "-");
 }
 
 }  // namespace
