@@ -193,13 +193,16 @@ class CrashSafetyTest : public ::testing::Test {
       bool isOld = old != before.end() && old->second == bytes;
       bool isNew = fresh != after.end() && fresh->second == bytes;
       EXPECT_TRUE(isOld || isNew) << path << " is neither old nor new " << when;
-      if (fs::path(path).extension() == ".plist") EXPECT_TRUE(readXmlPlist(bytes)) << path;
+      if (fs::path(path).extension() == ".plist") {
+        EXPECT_TRUE(readXmlPlist(bytes)) << path;
+      }
     }
     // A file that is gone must be gone in the old or in the new state.
     for (const Files* side : {&before, &after})
       for (const auto& [path, bytes] : *side)
-        if (!now.count(path))
+        if (!now.count(path)) {
           EXPECT_TRUE(!before.count(path) || !after.count(path)) << path << " vanished " << when;
+        }
     ASSERT_EQ(runToEnd(root, request), 0);
     EXPECT_EQ(snapshot(root), after) << "the run again after a kill " << when;
   }

@@ -16,6 +16,7 @@
 #include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/unique_fd.h"
+#include "plist/plist_json.h"
 
 extern char** environ;
 
@@ -189,16 +190,29 @@ Client::Client(const std::string& url) : impl_(new Impl(url)) {}
 Client::~Client() { delete impl_; }
 
 Reply Client::post(const std::string& path, const std::string& body, const std::string& token) {
-  httplib::Headers headers;
-  if (!token.empty()) headers.emplace("Authorization", "Bearer " + token);
-  httplib::Result r = impl_->client.Post(path, headers, body, "application/x-plist");
+  return send("POST", path, body, token, {{"Content-Type", "application/x-plist"}});
+}
+
+Reply Client::send(const std::string& method, const std::string& path, const std::string& body,
+                   const std::string& token, const std::vector<std::pair<std::string, std::string>>& headers) {
+  httplib::Request req;
+  req.method = method;
+  req.path = path;
+  req.body = body;
+  if (!token.empty()) req.set_header("Authorization", "Bearer " + token);
+  for (const auto& [k, v] : headers) req.set_header(k, v);
+  httplib::Result r = impl_->client.send(req);
   Reply reply;
   if (!r) return reply;
   reply.status = r->status;
   reply.body = r->body;
+  for (const auto& [k, v] : r->headers) reply.headers[k] = v;
+  reply.contentType = r->get_header_value("Content-Type");
   PlistReadOptions options;
   options.requireDictionary = true;
-  if (PlistReadResult parsed = readXmlPlist(reply.body, options)) reply.plist = std::move(parsed.value);
+  PlistReadResult parsed = reply.contentType == "application/json" ? readJson(reply.body, options)
+                                                                   : readXmlPlist(reply.body, options);
+  if (parsed) reply.plist = std::move(parsed.value);
   return reply;
 }
 

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <map>
 #include <optional>
 #include <string>
 #include <utility>
@@ -64,7 +65,9 @@ class Daemon {
 struct Reply {
   int status = 0;  // 0: no HTTP answer
   std::string body;
-  std::optional<PropertyList> plist;  // the body read as a plist dictionary
+  std::string contentType;
+  std::map<std::string, std::string> headers;
+  std::optional<PropertyList> plist;  // the body read as a plist dictionary (XML, or JSON by its type)
 };
 
 // A keep-alive client for one daemon.
@@ -74,6 +77,9 @@ class Client {
   ~Client();
   // POSTs body to path; token: the Authorization bearer token, none when empty.
   Reply post(const std::string& path, const std::string& body, const std::string& token);
+  // Any request, with the token (when not empty) and these headers.
+  Reply send(const std::string& method, const std::string& path, const std::string& body, const std::string& token,
+             const std::vector<std::pair<std::string, std::string>>& headers = {});
   // POSTs the request as an XML plist to /commands/<plugin>.
   Reply command(const std::string& plugin, const PropertyList& request, const std::string& token);
 

@@ -24,7 +24,8 @@ std::string resourcePath(const std::string& name) { return binaryDir() + "/lib/r
 
 ProgramResult runProgram(const std::string& name, const std::vector<std::string>& args,
                          const std::string& input, const std::map<std::string, std::string>& env) {
-  LaunchResult r = launch_task_with_input(binaryPath(name), args, input, env);
+  LaunchResult r = launch_task_with_input(name.find('/') == std::string::npos ? binaryPath(name) : name, args,
+                                          input, env);
   return {r.status, r.output, r.error};
 }
 
