@@ -38,7 +38,7 @@ const PlistArray* arrayAt(const PropertyList& d, std::string_view key) {
 }  // namespace
 
 std::optional<PropertyList> VelmPlugin::metricsFromContext(const PropertyList& context) const {
-  PropertyList cpu = family("velm_fsm_cpu_percent", "CPU of the volume's FSM process at the last sample", "gauge");
+  PropertyList cpu = family("velm_fsm_cpu_ratio", "CPU of the volume's FSM process at the last sample (1 is one processor)", "gauge");
   PropertyList resident =
       family("velm_fsm_resident_bytes", "Resident size of the volume's FSM process at the last sample", "gauge");
   PropertyList virt =
@@ -55,8 +55,8 @@ std::optional<PropertyList> VelmPlugin::metricsFromContext(const PropertyList& c
       std::string volume = key.substr(prefix.size());
       const auto& cells = *row;
       auto cell = [&](std::size_t i) { return i < cells.size() ? cells[i] : std::nullopt; };
-      // Cell 1 is hundredths of a percent.
-      if (auto v = cell(1)) addSample(cpu, "volume", volume, static_cast<double>(*v) / 100.0);
+      // Cell 1 is in hundredths of a percent.
+      if (auto v = cell(1)) addSample(cpu, "volume", volume, static_cast<double>(*v) / 10000.0);
       if (auto v = cell(2)) addSample(resident, "volume", volume, static_cast<long long>(*v));
       if (auto v = cell(3)) addSample(virt, "volume", volume, static_cast<long long>(*v));
       if (auto v = cell(0)) addSample(sampled, "volume", volume, static_cast<long long>(*v));

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <syslog.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -11,6 +12,7 @@
 #include <mutex>
 #include <string>
 
+#include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/paths.h"
 
@@ -19,6 +21,50 @@ namespace {
 
 // 0 unknown, 1 off, 2 on: decided once per process.
 std::atomic<int> gEnabled{0};
+
+// A VELM_LOG file stays open: opening it for every line cost a daemon more than a request's
+// plist work. It is opened again when VELM_LOG names another file, and at most a second after
+// the file was moved or removed (a rotation), so lines never go to a file no one sees for long.
+class LogFile {
+ public:
+  // The descriptor for path, or -1; call with mutex() held.
+  int descriptorFor(const char* path) {
+    std::uint64_t now = clock().monotonicMicros();
+    if (fd_ >= 0 && (path_ != path || now - checkedMicros_ >= kCheckMicros)) {
+      checkedMicros_ = now;
+      struct stat open {}, named {};
+      if (path_ != path || ::fstat(fd_, &open) != 0 || ::stat(path, &named) != 0 ||
+          open.st_ino != named.st_ino || open.st_dev != named.st_dev) {
+        ::close(fd_);
+        fd_ = -1;
+      }
+    }
+    if (fd_ < 0) {
+      fd_ = ::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+      path_ = path;
+      checkedMicros_ = now;
+    }
+    return fd_;
+  }
+  std::mutex& mutex() { return mutex_; }
+  void close() {
+    std::scoped_lock lock(mutex_);
+    if (fd_ >= 0) ::close(fd_);
+    fd_ = -1;
+  }
+
+ private:
+  static constexpr std::uint64_t kCheckMicros = 1'000'000;
+  std::mutex mutex_;  // leaf
+  int fd_ = -1;
+  std::string path_;
+  std::uint64_t checkedMicros_ = 0;
+};
+
+LogFile& logFile() {
+  static auto* file = new LogFile();  // used up to the process's last line
+  return *file;
+}
 
 void emit(std::string_view line, int priority) {
   const char* target = std::getenv("VELM_LOG");
@@ -30,11 +76,12 @@ void emit(std::string_view line, int priority) {
       (void)r;
       return;
     }
-    int fd = ::open(target, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    LogFile& file = logFile();
+    std::scoped_lock lock(file.mutex());
+    int fd = file.descriptorFor(target);
     if (fd >= 0) {
       ssize_t r = ::write(fd, text.data(), text.size());
       (void)r;
-      ::close(fd);
       return;
     }
   }
@@ -65,6 +112,9 @@ bool loggingEnabled() {
 void logNoticeLine(std::string_view text) { emit(prefixed(text, false), LOG_NOTICE); }
 void logErrorLine(std::string_view text) { emit(prefixed(text, true), LOG_NOTICE); }
 void logRawLine(std::string_view text) { emit(text, LOG_NOTICE); }
-void resetLoggingForTest() { gEnabled.store(0); }
+void resetLoggingForTest() {
+  gEnabled.store(0);
+  logFile().close();
+}
 
 }  // namespace velm
