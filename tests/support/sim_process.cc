@@ -31,7 +31,7 @@ bool SimProcess::start(const std::string& name, const std::vector<std::string>& 
   for (const auto& [k, v] : env) vars[k] = v;
   std::vector<std::string> envStrings;
   for (const auto& [k, v] : vars) envStrings.push_back(k + "=" + v);
-  std::vector<std::string> argStrings = {binaryPath(name)};
+  std::vector<std::string> argStrings = {name.find('/') == std::string::npos ? binaryPath(name) : name};
   argStrings.insert(argStrings.end(), args.begin(), args.end());
   std::vector<char*> argv, envp;
   for (std::string& a : argStrings) argv.push_back(a.data());

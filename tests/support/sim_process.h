@@ -24,7 +24,7 @@ class SimProcess {
   SimProcess(const SimProcess&) = delete;
   SimProcess& operator=(const SimProcess&) = delete;
 
-  // Starts binaryPath(name) with args; env entries are added to (or replace) this process's
+  // Starts binaryPath(name) (or name itself when it is a path) with args; env entries are added to (or replace) this process's
   // environment. Waits until stderr shows readyText (empty: no wait) or the child ends. False
   // with the reason in stderrText().
   bool start(const std::string& name, const std::vector<std::string>& args,
