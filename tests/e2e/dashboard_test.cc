@@ -137,6 +137,19 @@ TEST_F(DashboardTest, TheDemoSansPagesRenderWithVolumesGraphsAndTheMachine) {
     }
   }
 
+  // The plugin's figures on /metrics come from the same history rows.
+  Client c(url());
+  Reply metrics = c.send("GET", "/metrics", "", token());
+  ASSERT_EQ(metrics.status, 200);
+  ASSERT_TRUE(std::regex_search(metrics.body, m,
+                                std::regex(R"re(\nvelm_fsm_resident_bytes\{plugin="velm",volume="Projects"\} (\d+))re")))
+      << metrics.body;
+  EXPECT_GT(std::stoll(m[1]), 0);
+  if (::access("/usr/bin/promtool", X_OK) == 0) {
+    ProgramResult check = runProgram("/usr/bin/promtool", {"check", "metrics"}, metrics.body);
+    EXPECT_EQ(check.status, 0) << check.out << check.err;
+  }
+
   for (const char* page : {"volumes", "history"}) {
     std::string shot = binaryDir() + "/dashboard-" + page + ".png";
     std::vector<std::string> args = chromiumArgs(sandbox_.path("/profile"));
