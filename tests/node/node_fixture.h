@@ -36,6 +36,8 @@ class NodeTest : public SandboxTest {
     SANFilesystem::resetForTest();
   }
   void TearDown() override {
+    // A velmd that svcload started (teardown restarts it) goes with the sandbox.
+    stopSimdServing(sandbox_);
     ::unsetenv("VELM_SYSFS");
     resetPathsForTest();
     SANComputer::resetForTest();
