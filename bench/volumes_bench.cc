@@ -33,119 +33,46 @@
 #include "adminlib/qmadminlib.h"
 #include "adminlib/sock46.h"
 #include "bench_support.h"
-#include "wire_counters.h"
-#include "sim_port_mapper.h"
 #include "config/config_parser.h"
-#include "config/config_test_util.h"
 #include "core/velm_plugin.h"
 #include "gateway/san_filesystem.h"
 #include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/paths.h"
 #include "platform/socket_io.h"
+#include "san_of_100.h"
+#include "wire_counters.h"
 
 extern char** environ;
 
 namespace {
 
 using velm::bench::binDir;
-using velm::bench::freePort;
-using velm::bench::writeFile;
 using velm::bench::gLookupNs;
-using velm::bench::gSends;
 using velm::bench::gLookups;
+using velm::bench::gSends;
+using velm::bench::volumeName;
 }  // namespace
 
 namespace {
 
-constexpr int kVolumes = 100;
+constexpr int kVolumes = velm::bench::kSanVolumes;
 constexpr std::size_t kEchoLen = 1024;
 constexpr int kCountRuns = 10;
-constexpr const char* kController = "127.0.0.2";
+constexpr const char* kController = velm::bench::kSanController;
 
-// A volume as a site keeps it; the same text for every volume.
-constexpr std::string_view kVolumeConfig = velm::test::kRealisticConfig;
-
-std::string gRoot;
-std::string gLog;
-pid_t gSim = -1;
+velm::bench::SanOf100 gSan;
 std::unique_ptr<velm::VelmPlugin> gPlugin;
 velm::PropertyList gContext = velm::PropertyList::dict();
-std::vector<std::string> gConfigFiles;  // "vol00.cfg" ...: what getVolumes reads
-
-std::string volumeName(int i) {
-  char name[16];
-  std::snprintf(name, sizeof name, "vol%02d", i);
-  return name;
-}
-
-// Each volume an active FSM with two stripe groups and three mounted clients (in use, 0x1000).
-std::string fsmEntry(const std::string& name) {
-  std::string e = "<dict><key>name</key><string>" + name +
-                  "</string><key>priority</key><integer>1</integer>"
-                  "<key>active</key><true/><key>running</key><true/>"
-                  "<key>statistics</key><dict><key>blockSize</key><integer>4096</integer>"
-                  "<key>totalBlocks</key><integer>1000000</integer>"
-                  "<key>freeBlocks</key><integer>500000</integer></dict>"
-                  "<key>stripeGroups</key><array>";
-  for (const char* group : {"MetadataAndJournal", "DataFiles"})
-    e += std::string("<dict><key>name</key><string>") + group +
-         "</string><key>totalBlocks</key><integer>500000</integer>"
-         "<key>freeBlocks</key><integer>250000</integer></dict>";
-  e += "</array><key>clients</key><array>";
-  for (int c = 0; c < 3; ++c)
-    e += "<dict><key>type</key><integer>3</integer><key>flags</key><integer>" +
-         std::to_string(0x1000 | 3) + "</integer><key>address</key><string>127.0.0." +
-         std::to_string(10 + c) + "</string><key>uptime</key><integer>60</integer></dict>";
-  return e + "</array></dict>\n";
-}
-
-// One root for the plugin and the stand-in, as on a controller: the stand-in's config, the
-// fsports both read, and the 100 volume files.
-bool prepareRoot() {
-  int port = freePort();
-  gRoot = velm::bench::makeControllerRoot("velm-volumes-bench", kController, port);
-  if (gRoot.empty()) return false;
-  gLog = gRoot + "/simpm.log";
-  std::string config =
-      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
-      "<key>fsms</key><array>\n";
-  for (int i = 0; i < kVolumes; ++i) config += fsmEntry(volumeName(i));
-  config += "</array>\n</dict>\n</plist>\n";
-  if (!writeFile(gRoot + "/Library/Filesystems/Velm/config/fsports",
-                 "altpmap " + std::to_string(port) + "\n") ||
-      !writeFile(gRoot + "/simpm.plist", config))
-    return false;
-  for (int i = 0; i < kVolumes; ++i) {
-    gConfigFiles.push_back(volumeName(i) + ".cfg");
-    if (!writeFile(velm::configPath(gConfigFiles.back()), std::string(kVolumeConfig))) return false;
-  }
-  return true;
-}
-
-bool startSim(const std::string& path) {
-  gSim = velm::bench::startSimPortMapper("volumes_bench", path, gRoot, kController, gLog);
-  if (gSim < 0) return false;
-  // The plugin finds its port mapper by name in the sandbox's process table.
-  std::string pid = std::to_string(gSim);
-  writeFile(gRoot + "/proc/" + pid + "/cmdline", std::string("fsmpm\0", 6));
-  writeFile(gRoot + "/proc/" + pid + "/stat", pid + " (fsmpm) S 1 1 1");
-  return true;
-}
 
 void stopSim() {
   gPlugin.reset();
   QMAdmin_Teardown();
-  if (gSim > 0) {
-    ::kill(gSim, SIGTERM);
-    ::waitpid(gSim, nullptr, 0);
-  }
-  std::error_code ec;
-  if (!gRoot.empty()) std::filesystem::remove_all(gRoot, ec);
+  velm::bench::stopSanOf100(&gSan);
 }
 
 long logLines() {
-  std::optional<std::string> text = velm::readFile(gLog);
+  std::optional<std::string> text = velm::readFile(gSan.simLog);
   return text ? static_cast<long>(std::count(text->begin(), text->end(), '\n')) : -1;
 }
 
@@ -192,7 +119,7 @@ void BM_LoopbackEcho1024(benchmark::State& state) { velm::bench::runLoopbackEcho
 
 void BM_ParseConfigs100(benchmark::State& state) {
   for (auto _ : state) {
-    for (const std::string& file : gConfigFiles) {
+    for (const std::string& file : gSan.configFiles) {
       std::unique_ptr<velm::SANConfigParser> parser = velm::SANConfigParser::parserForFile(file);
       if (!parser || !parser->parse()) {
         state.SkipWithError("a volume file did not parse");
@@ -270,13 +197,13 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   // Before the sandbox's process table takes the place of the real one.
   std::string simPath = binDir() + "/velm-simpm";
-  if (!prepareRoot()) {
+  if (!velm::bench::prepareSanOf100("velm-volumes-bench", &gSan)) {
     std::fprintf(stderr, "volumes_bench: cannot prepare a sandbox root\n");
     stopSim();
     return 1;
   }
   velm::bench::initAdminLibrary();
-  if (!startSim(simPath)) {
+  if (!velm::bench::startSanSim("volumes_bench", simPath, &gSan)) {
     stopSim();
     return 1;
   }
@@ -286,7 +213,7 @@ int main(int argc, char** argv) {
   const velm::PropertyList volumesRequest = request("getVolumes");
   if (!detailsComplete(run(stateRequest)) || !allVolumes(run(volumesRequest))) {
     std::fprintf(stderr, "volumes_bench: the commands do not answer as expected (see %s)\n",
-                 gLog.c_str());
+                 gSan.simLog.c_str());
     stopSim();
     return 1;
   }
@@ -295,7 +222,7 @@ int main(int argc, char** argv) {
   double stateRequests = countRequests(stateRequest, false, &stateLogged);
   double volumesRequests = countRequests(volumesRequest, true, nullptr);
   if (stateRequests <= 0 || volumesRequests < 0) {
-    std::fprintf(stderr, "volumes_bench: a counted run failed (see %s)\n", gLog.c_str());
+    std::fprintf(stderr, "volumes_bench: a counted run failed (see %s)\n", gSan.simLog.c_str());
     stopSim();
     return 1;
   }
