@@ -22,8 +22,8 @@ class PluginRequestHandler {
 
   // Figures for the host's /metrics, read from the context alone (never from peers, so a scrape
   // costs no wire request): an array of families { name, help, type ("gauge" or "counter"),
-  // samples: [{ labels: { name: value }, value: number }] }. The host calls it between requests,
-  // never during one. Nothing by default.
+  // labels: [label names], samples: [[label values..., number]] }. The host calls it between
+  // requests, never during one, and only after the context changed. Nothing by default.
   virtual std::optional<PropertyList> metricsFromContext(const PropertyList& context) const {
     (void)context;
     return std::nullopt;

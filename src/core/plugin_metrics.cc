@@ -7,23 +7,25 @@
 namespace velm {
 namespace {
 
-PropertyList family(const char* name, const char* help, const char* type) {
-  PropertyList f = PropertyList::dict();
-  f.set("name", name);
-  f.set("help", help);
-  f.set("type", type);
-  f.set("samples", PropertyList::array());
-  return f;
-}
+// One family, labelled by one name; its samples go into the returned array.
+struct Family {
+  PropertyList dict = PropertyList::dict();
+  PlistArray samples;
 
-void addSample(PropertyList& f, const char* label, const std::string& labelValue, PropertyList value) {
-  PropertyList labels = PropertyList::dict();
-  labels.set(label, labelValue);
-  PropertyList s = PropertyList::dict();
-  s.set("labels", std::move(labels));
-  s.set("value", std::move(value));
-  f.get("samples")->push(std::move(s));
-}
+  Family(const char* name, const char* help, const char* type, const char* label) {
+    dict.set("name", name);
+    dict.set("help", help);
+    dict.set("type", type);
+    dict.set("labels", PlistArray{PropertyList(label)});
+  }
+  void add(const std::string& labelValue, PropertyList value) {
+    samples.push_back(PropertyList(PlistArray{PropertyList(labelValue), std::move(value)}));
+  }
+  PropertyList take() {
+    dict.set("samples", PropertyList(std::move(samples)));
+    return std::move(dict);
+  }
+};
 
 const PlistDict* dictAt(const PropertyList& d, std::string_view key) {
   const PropertyList* v = d.get(key);
@@ -38,13 +40,14 @@ const PlistArray* arrayAt(const PropertyList& d, std::string_view key) {
 }  // namespace
 
 std::optional<PropertyList> VelmPlugin::metricsFromContext(const PropertyList& context) const {
-  PropertyList cpu = family("velm_fsm_cpu_ratio", "CPU of the volume's FSM process at the last sample (1 is one processor)", "gauge");
-  PropertyList resident =
-      family("velm_fsm_resident_bytes", "Resident size of the volume's FSM process at the last sample", "gauge");
-  PropertyList virt =
-      family("velm_fsm_virtual_bytes", "Virtual size of the volume's FSM process at the last sample", "gauge");
-  PropertyList sampled =
-      family("velm_fsm_sample_time_seconds", "Unix time of the volume's last history sample", "gauge");
+  Family cpu("velm_fsm_cpu_ratio", "CPU of the volume's FSM process at the last sample (1 is one processor)",
+             "gauge", "volume");
+  Family resident("velm_fsm_resident_bytes", "Resident size of the volume's FSM process at the last sample",
+                  "gauge", "volume");
+  Family virt("velm_fsm_virtual_bytes", "Virtual size of the volume's FSM process at the last sample", "gauge",
+              "volume");
+  Family sampled("velm_fsm_sample_time_seconds", "Unix time of the volume's last history sample", "gauge",
+                 "volume");
   const std::string prefix = historyNameForVolume("");
   if (const PlistDict* d = context.asDict()) {
     for (const auto& [key, value] : *d) {
@@ -56,25 +59,27 @@ std::optional<PropertyList> VelmPlugin::metricsFromContext(const PropertyList& c
       const auto& cells = *row;
       auto cell = [&](std::size_t i) { return i < cells.size() ? cells[i] : std::nullopt; };
       // Cell 1 is in hundredths of a percent.
-      if (auto v = cell(1)) addSample(cpu, "volume", volume, static_cast<double>(*v) / 10000.0);
-      if (auto v = cell(2)) addSample(resident, "volume", volume, static_cast<long long>(*v));
-      if (auto v = cell(3)) addSample(virt, "volume", volume, static_cast<long long>(*v));
-      if (auto v = cell(0)) addSample(sampled, "volume", volume, static_cast<long long>(*v));
+      if (auto v = cell(1)) cpu.add(volume, static_cast<double>(*v) / 10000.0);
+      if (auto v = cell(2)) resident.add(volume, static_cast<long long>(*v));
+      if (auto v = cell(3)) virt.add(volume, static_cast<long long>(*v));
+      if (auto v = cell(0)) sampled.add(volume, static_cast<long long>(*v));
     }
   }
-  PropertyList bytes = family("velm_fibre_bytes_total", "Bytes moved through the fibre port (target-domain) as last sampled", "counter");
+  Family bytes("velm_fibre_bytes_total", "Bytes moved through the fibre port (target-domain) as last sampled",
+               "counter", "port");
   if (const PlistDict* store = dictAt(context, "fibreThroughputStore"))
     for (const auto& [port, value] : *store)
-      if (auto v = value.uint64Value()) addSample(bytes, "port", port, static_cast<unsigned long long>(*v));
-  PropertyList rates = family("velm_fibre_bytes_per_second", "Fibre port throughput over the last sample interval", "gauge");
+      if (auto v = value.uint64Value()) bytes.add(port, static_cast<unsigned long long>(*v));
+  Family rates("velm_fibre_bytes_per_second", "Fibre port throughput over the last sample interval", "gauge",
+               "port");
   if (const PlistArray* perPort = arrayAt(context, "fibreThroughputsArray"))
     for (const PropertyList& entry : *perPort)
       if (const PlistDict* e = entry.asDict())
         for (const auto& [port, value] : *e)
-          if (auto v = value.uint64Value()) addSample(rates, "port", port, static_cast<unsigned long long>(*v));
-  PropertyList out = PropertyList::array();
-  for (PropertyList* f : {&cpu, &resident, &virt, &sampled, &bytes, &rates}) out.push(std::move(*f));
-  return out;
+          if (auto v = value.uint64Value()) rates.add(port, static_cast<unsigned long long>(*v));
+  PlistArray out;
+  for (Family* f : {&cpu, &resident, &virt, &sampled, &bytes, &rates}) out.push_back(f->take());
+  return PropertyList(std::move(out));
 }
 
 }  // namespace velm

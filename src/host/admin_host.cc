@@ -120,8 +120,7 @@ std::string AdminHost::renderMetrics() {
   for (const auto& p : plugins_)
     appendMetricSample(out, "adminhostd_context_save_failures_total", {{"plugin", p->name()}},
                        std::to_string(p->contextSaveFailures()));
-  for (const auto& p : plugins_)
-    if (std::optional<PropertyList> families = p->metrics()) appendPluginFamilies(out, p->name(), *families);
+  for (const auto& p : plugins_) out += p->metricsText();
   return out;
 }
 

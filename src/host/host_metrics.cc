@@ -11,7 +11,7 @@ std::string number(std::uint64_t v) { return std::to_string(v); }
 
 std::string seconds(std::uint64_t micros) {
   char buf[32];
-  auto r = std::to_chars(buf, buf + sizeof buf, static_cast<double>(micros) / 1e6);
+  auto r = std::to_chars(buf, buf + sizeof buf, static_cast<double>(micros) / 1e6, std::chars_format::fixed);
   return std::string(buf, r.ptr);
 }
 
@@ -174,36 +174,55 @@ void appendPluginFamilies(std::string& out, std::string_view plugin, const Prope
     const std::string* name = f.getString("name");
     const std::string* type = f.getString("type");
     const std::string* help = f.getString("help");
+    const PropertyList* labelList = f.get("labels");
     const PropertyList* samples = f.get("samples");
     if (!name || !type || !validMetricName(*name) || (*type != "gauge" && *type != "counter") ||
         !samples || !samples->isArray())
       continue;
+    std::vector<std::string_view> labels;
+    bool labelsOk = true;
+    if (labelList) {
+      const PlistArray* names = labelList->asArray();
+      labelsOk = names != nullptr;
+      if (names) {
+        for (const PropertyList& l : *names) {
+          const std::string* text = l.asString();
+          labelsOk = labelsOk && text && validMetricName(*text, true) && *text != "plugin";
+          if (text) labels.push_back(*text);
+        }
+      }
+    }
+    if (!labelsOk) continue;
     appendMetricHeader(out, *name, help ? *help : *name, *type);
     for (const PropertyList& s : *samples->asArray()) {
-      const PropertyList* value = s.get("value");
-      std::optional<double> v = value && value->isNumber() ? value->doubleValue() : std::nullopt;
-      if (!v) continue;
-      std::string text = value->isInteger() ? (value->asInteger()->isUnsigned
-                                                   ? std::to_string(value->asInteger()->bits)
-                                                   : std::to_string(value->asInteger()->asSigned()))
-                                            : realText(*v);
+      // [label values..., value]
+      const PlistArray* cells = s.asArray();
+      if (!cells || cells->size() != labels.size() + 1) continue;
+      const PropertyList& value = cells->back();
+      if (!value.isNumber()) continue;
+      bool textOk = true;
+      for (std::size_t i = 0; i < labels.size(); ++i) textOk = textOk && (*cells)[i].isString();
+      if (!textOk) continue;
       out += *name;
       out += "{plugin=\"";
       appendLabelValue(out, plugin);
       out += '"';
-      if (const PropertyList* labels = s.get("labels"); labels && labels->isDict()) {
-        for (const auto& [k, lv] : *labels->asDict()) {
-          const std::string* lvText = lv.asString();
-          if (!lvText || !validMetricName(k, true) || k == "plugin") continue;
-          out += ',';
-          out += k;
-          out += "=\"";
-          appendLabelValue(out, *lvText);
-          out += '"';
-        }
+      for (std::size_t i = 0; i < labels.size(); ++i) {
+        out += ',';
+        out += labels[i];
+        out += "=\"";
+        appendLabelValue(out, *(*cells)[i].asString());
+        out += '"';
       }
       out += "} ";
-      out += text;
+      if (const PlistInteger* i = value.asInteger()) {
+        char buf[24];
+        auto r = i->isUnsigned ? std::to_chars(buf, buf + sizeof buf, i->bits)
+                               : std::to_chars(buf, buf + sizeof buf, i->asSigned());
+        out.append(buf, r.ptr);
+      } else {
+        out += realText(*value.asReal());
+      }
       out += '\n';
     }
   }

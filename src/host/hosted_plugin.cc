@@ -12,6 +12,7 @@
 
 #include "adminhost/context_store.h"
 #include "host/host_log.h"
+#include "host/host_metrics.h"
 #include "platform/clock.h"
 #include "platform/files.h"
 #include "platform/paths.h"
@@ -126,14 +127,19 @@ int HostedPlugin::saveContext() {
   return write(snapshot, generation);
 }
 
-std::optional<PropertyList> HostedPlugin::metrics() {
+std::string HostedPlugin::metricsText() {
   std::scoped_lock lock(mutex_);
+  if (metricsGeneration_ == generation_) return metricsText_;
+  metricsText_.clear();
   try {
-    return handler_->metricsFromContext(context_);
+    if (std::optional<PropertyList> families = handler_->metricsFromContext(context_))
+      appendPluginFamilies(metricsText_, name_, *families);
   } catch (...) {
     HostLog("plugin %s threw from metricsFromContext", name_);
-    return std::nullopt;
+    metricsText_.clear();
   }
+  metricsGeneration_ = generation_;
+  return metricsText_;
 }
 
 PropertyList HostedPlugin::contextForTest() {

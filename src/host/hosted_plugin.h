@@ -46,9 +46,10 @@ class HostedPlugin {
   // Writes the context out now (shutdown). Returns 0 or an errno value.
   int saveContext();
 
-  // The plugin's figures for /metrics (PluginRequestHandler::metricsFromContext), taken between
-  // calls; nothing when it has none or threw.
-  std::optional<PropertyList> metrics();
+  // The plugin's part of /metrics (PluginRequestHandler::metricsFromContext as exposition text),
+  // taken between calls. Kept until the context changes: the figures come from the last history
+  // sample, so most scrapes between two idle ticks cost a copy.
+  std::string metricsText();
   // Context writes begun since the start, and those that failed.
   std::uint64_t contextSaves() const { return saves_.load(std::memory_order_relaxed); }
   std::uint64_t contextSaveFailures() const { return saveFailures_.load(std::memory_order_relaxed); }
@@ -77,6 +78,8 @@ class HostedPlugin {
   std::mutex writeMutex_;
   std::uint64_t written_ = 0;  // the generation on disk
   std::atomic<std::uint64_t> saves_{0}, saveFailures_{0};
+  std::string metricsText_;                // guarded by mutex_
+  std::optional<std::uint64_t> metricsGeneration_;  // the context generation metricsText_ is of
 };
 
 // Loads every adminhost_<name>.so in dir (sorted by name): dlopen, adminhost_plugin_create, a
