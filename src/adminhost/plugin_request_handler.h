@@ -21,7 +21,8 @@ class PluginRequestHandler {
                                                                 std::int32_t* lockFileFD) = 0;
 
   // Figures for the host's /metrics, read from the context alone (never from peers, so a scrape
-  // costs no wire request): an array of families { name, help, type ("gauge" or "counter"),
+  // costs no wire request): an array of families { name (beginning with the plugin's name and
+  // "_"), help, type ("gauge" or "counter"),
   // labels: [label names], samples: [[label values..., number]] }. The host calls it between
   // requests, never during one, and only after the context changed. Nothing by default.
   virtual std::optional<PropertyList> metricsFromContext(const PropertyList& context) const {

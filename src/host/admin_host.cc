@@ -109,7 +109,7 @@ std::string AdminHost::wwwDirectory() const {
 
 std::string AdminHost::renderMetrics() {
   std::string out;
-  out.reserve(16384);
+  out.reserve(32768);
   metrics_.render(out);
   appendMetricHeader(out, "adminhostd_context_saves_total", "Context writes begun, by plugin.", "counter");
   for (const auto& p : plugins_)
@@ -120,7 +120,7 @@ std::string AdminHost::renderMetrics() {
   for (const auto& p : plugins_)
     appendMetricSample(out, "adminhostd_context_save_failures_total", {{"plugin", p->name()}},
                        std::to_string(p->contextSaveFailures()));
-  for (const auto& p : plugins_) out += p->metricsText();
+  for (const auto& p : plugins_) p->appendMetricsText(out);
   return out;
 }
 

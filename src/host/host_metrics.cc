@@ -176,8 +176,11 @@ void appendPluginFamilies(std::string& out, std::string_view plugin, const Prope
     const std::string* help = f.getString("help");
     const PropertyList* labelList = f.get("labels");
     const PropertyList* samples = f.get("samples");
-    if (!name || !type || !validMetricName(*name) || (*type != "gauge" && *type != "counter") ||
-        !samples || !samples->isArray())
+    // A plugin's names begin with its own, which keeps plugins apart without a label on every
+    // line.
+    if (!name || !type || !validMetricName(*name) || name->size() <= plugin.size() + 1 ||
+        name->compare(0, plugin.size(), plugin) != 0 || (*name)[plugin.size()] != '_' ||
+        (*type != "gauge" && *type != "counter") || !samples || !samples->isArray())
       continue;
     std::vector<std::string_view> labels;
     bool labelsOk = true;
@@ -187,7 +190,7 @@ void appendPluginFamilies(std::string& out, std::string_view plugin, const Prope
       if (names) {
         for (const PropertyList& l : *names) {
           const std::string* text = l.asString();
-          labelsOk = labelsOk && text && validMetricName(*text, true) && *text != "plugin";
+          labelsOk = labelsOk && text && validMetricName(*text, true);
           if (text) labels.push_back(*text);
         }
       }
@@ -204,17 +207,15 @@ void appendPluginFamilies(std::string& out, std::string_view plugin, const Prope
       for (std::size_t i = 0; i < labels.size(); ++i) textOk = textOk && (*cells)[i].isString();
       if (!textOk) continue;
       out += *name;
-      out += "{plugin=\"";
-      appendLabelValue(out, plugin);
-      out += '"';
+      if (!labels.empty()) out += '{';
       for (std::size_t i = 0; i < labels.size(); ++i) {
-        out += ',';
+        if (i) out += ',';
         out += labels[i];
         out += "=\"";
         appendLabelValue(out, *(*cells)[i].asString());
         out += '"';
       }
-      out += "} ";
+      out += labels.empty() ? " " : "} ";
       if (const PlistInteger* i = value.asInteger()) {
         char buf[24];
         auto r = i->isUnsigned ? std::to_chars(buf, buf + sizeof buf, i->bits)

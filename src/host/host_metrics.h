@@ -55,8 +55,8 @@ void appendMetricHeader(std::string& out, std::string_view name, std::string_vie
 void appendMetricSample(std::string& out, std::string_view name,
                         std::initializer_list<std::pair<std::string_view, std::string_view>> labels,
                         std::string_view value);
-// Families a plugin gave (PluginRequestHandler::metricsFromContext) with a plugin label added;
-// malformed families and samples are left out.
+// Families a plugin gave (PluginRequestHandler::metricsFromContext). Their names must begin with
+// "<plugin>_"; other families, and malformed families and samples, are left out.
 void appendPluginFamilies(std::string& out, std::string_view plugin, const PropertyList& families);
 // Whether a metric or label name is valid: [a-zA-Z_:][a-zA-Z0-9_:]* (labels without ':').
 bool validMetricName(std::string_view name, bool label = false);

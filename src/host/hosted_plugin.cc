@@ -127,9 +127,12 @@ int HostedPlugin::saveContext() {
   return write(snapshot, generation);
 }
 
-std::string HostedPlugin::metricsText() {
+void HostedPlugin::appendMetricsText(std::string& out) {
   std::scoped_lock lock(mutex_);
-  if (metricsGeneration_ == generation_) return metricsText_;
+  if (metricsGeneration_ == generation_) {
+    out += metricsText_;
+    return;
+  }
   metricsText_.clear();
   try {
     if (std::optional<PropertyList> families = handler_->metricsFromContext(context_))
@@ -139,7 +142,7 @@ std::string HostedPlugin::metricsText() {
     metricsText_.clear();
   }
   metricsGeneration_ = generation_;
-  return metricsText_;
+  out += metricsText_;
 }
 
 PropertyList HostedPlugin::contextForTest() {

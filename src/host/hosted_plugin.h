@@ -49,7 +49,7 @@ class HostedPlugin {
   // The plugin's part of /metrics (PluginRequestHandler::metricsFromContext as exposition text),
   // taken between calls. Kept until the context changes: the figures come from the last history
   // sample, so most scrapes between two idle ticks cost a copy.
-  std::string metricsText();
+  void appendMetricsText(std::string& out);
   // Context writes begun since the start, and those that failed.
   std::uint64_t contextSaves() const { return saves_.load(std::memory_order_relaxed); }
   std::uint64_t contextSaveFailures() const { return saveFailures_.load(std::memory_order_relaxed); }

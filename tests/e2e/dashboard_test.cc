@@ -142,7 +142,7 @@ TEST_F(DashboardTest, TheDemoSansPagesRenderWithVolumesGraphsAndTheMachine) {
   Reply metrics = c.send("GET", "/metrics", "", token());
   ASSERT_EQ(metrics.status, 200);
   ASSERT_TRUE(std::regex_search(metrics.body, m,
-                                std::regex(R"re(\nvelm_fsm_resident_bytes\{plugin="velm",volume="Projects"\} (\d+))re")))
+                                std::regex(R"re(\nvelm_fsm_resident_bytes\{volume="Projects"\} (\d+))re")))
       << metrics.body;
   EXPECT_GT(std::stoll(m[1]), 0);
   if (::access("/usr/bin/promtool", X_OK) == 0) {

@@ -29,19 +29,20 @@ TEST(HostMetricsTest, PluginFamiliesAreWrittenWithEscapesAndMalformedOnesLeftOut
               sample({PropertyList("ratio"), PropertyList(0.25)})}),
       family("bad name", "gauge", {}, {sample({PropertyList(1)})}),
       family("velm_x", "summary", {}, {sample({PropertyList(1)})}),
-      family("velm_y", "gauge", {PropertyList("plugin")}, {sample({PropertyList("p"), PropertyList(1)})}),
+      family("other_y", "gauge", {}, {sample({PropertyList(1)})}),  // not the plugin's name
+      family("velm", "gauge", {}, {sample({PropertyList(1)})}),
       family("velm_z_total", "counter", {}, {sample({PropertyList(3)})})};
   std::string out;
   appendPluginFamilies(out, "velm", PropertyList(std::move(families)));
   EXPECT_EQ(out,
             "# HELP velm_fsm_resident_bytes Help\\nwith a line end\n"
             "# TYPE velm_fsm_resident_bytes gauge\n"
-            "velm_fsm_resident_bytes{plugin=\"velm\",volume=\"Pro\\\"j\\\\ects\\n\"} 42\n"
-            "velm_fsm_resident_bytes{plugin=\"velm\",volume=\"big\"} 18446744073709551615\n"
-            "velm_fsm_resident_bytes{plugin=\"velm\",volume=\"ratio\"} 0.25\n"
+            "velm_fsm_resident_bytes{volume=\"Pro\\\"j\\\\ects\\n\"} 42\n"
+            "velm_fsm_resident_bytes{volume=\"big\"} 18446744073709551615\n"
+            "velm_fsm_resident_bytes{volume=\"ratio\"} 0.25\n"
             "# HELP velm_z_total Help\\nwith a line end\n"
             "# TYPE velm_z_total counter\n"
-            "velm_z_total{plugin=\"velm\"} 3\n");
+            "velm_z_total 3\n");
 }
 
 TEST(HostMetricsTest, MadeUpCommandsShareOneSeriesPastTheLimit) {
