@@ -1,4 +1,6 @@
 // What /metrics shows of the plugin: the last history sample, straight from the context.
+#include <algorithm>
+#include <optional>
 #include <string_view>
 
 #include "adminhost/history_store.h"
@@ -46,8 +48,8 @@ std::optional<PropertyList> VelmPlugin::metricsFromContext(const PropertyList& c
                   "gauge", "volume");
   Family virt("velm_fsm_virtual_bytes", "Virtual size of the volume's FSM process at the last sample", "gauge",
               "volume");
-  Family sampled("velm_fsm_sample_time_seconds", "Unix time of the volume's last history sample", "gauge",
-                 "volume");
+  // Every volume is sampled at the same tick: one time stands for all.
+  std::optional<std::int64_t> newest;
   const std::string prefix = historyNameForVolume("");
   if (const PlistDict* d = context.asDict()) {
     for (const auto& [key, value] : *d) {
@@ -62,7 +64,7 @@ std::optional<PropertyList> VelmPlugin::metricsFromContext(const PropertyList& c
       if (auto v = cell(1)) cpu.add(volume, static_cast<double>(*v) / 10000.0);
       if (auto v = cell(2)) resident.add(volume, static_cast<long long>(*v));
       if (auto v = cell(3)) virt.add(volume, static_cast<long long>(*v));
-      if (auto v = cell(0)) sampled.add(volume, static_cast<long long>(*v));
+      if (auto v = cell(0)) newest = std::max(newest.value_or(*v), *v);
     }
   }
   Family bytes("velm_fibre_bytes_total", "Bytes moved through the fibre port (target-domain) as last sampled",
@@ -78,7 +80,15 @@ std::optional<PropertyList> VelmPlugin::metricsFromContext(const PropertyList& c
         for (const auto& [port, value] : *e)
           if (auto v = value.uint64Value()) rates.add(port, static_cast<unsigned long long>(*v));
   PlistArray out;
-  for (Family* f : {&cpu, &resident, &virt, &sampled, &bytes, &rates}) out.push_back(f->take());
+  for (Family* f : {&cpu, &resident, &virt, &bytes, &rates}) out.push_back(f->take());
+  if (newest) {
+    PropertyList sampled = PropertyList::dict();
+    sampled.set("name", "velm_fsm_sample_time_seconds");
+    sampled.set("help", "Unix time of the newest row of the volumes' FSM history");
+    sampled.set("type", "gauge");
+    sampled.set("samples", PlistArray{PropertyList(PlistArray{PropertyList(static_cast<long long>(*newest))})});
+    out.push_back(std::move(sampled));
+  }
   return PropertyList(std::move(out));
 }
 

@@ -15,8 +15,8 @@
 namespace velm {
 
 // Latency buckets, in microseconds (upper bounds; +Inf after the last).
-inline constexpr std::array<std::uint64_t, 14> kLatencyBucketsMicros = {
-    100, 250, 500, 1000, 2500, 5000, 10000, 25000, 50000, 100000, 250000, 1000000, 5000000, 30000000};
+inline constexpr std::array<std::uint64_t, 11> kLatencyBucketsMicros = {
+    100, 500, 1000, 5000, 10000, 50000, 100000, 500000, 1000000, 5000000, 30000000};
 
 struct LatencyHistogram {
   std::array<std::uint64_t, kLatencyBucketsMicros.size()> buckets{};  // not cumulative
