@@ -3,6 +3,7 @@
 #include <charconv>
 
 #include "host/admin_token.h"
+#include "platform/string_additions.h"
 #include "plist/plist_json.h"
 
 namespace velm {
@@ -19,17 +20,11 @@ std::string loggable(const std::string& command) {
   return out.empty() ? "-" : out;
 }
 
-std::string_view trimmed(std::string_view s) {
-  while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
-  while (!s.empty() && (s.back() == ' ' || s.back() == '\t')) s.remove_suffix(1);
-  return s;
-}
-
 // The q parameter of one Accept entry's parameters (";q=0.5"); 1 without one.
 double qualityOf(std::string_view params) {
   while (!params.empty()) {
     std::size_t semi = params.find(';');
-    std::string_view p = trimmed(params.substr(0, semi));
+    std::string_view p = trimmedBlanks(params.substr(0, semi));
     params = semi == std::string_view::npos ? std::string_view() : params.substr(semi + 1);
     if (p.size() > 2 && (p[0] == 'q' || p[0] == 'Q') && p[1] == '=') {
       double q = 0;
@@ -48,7 +43,7 @@ bool responseFailed(const PropertyList& response) {
 }  // namespace
 
 std::string mediaType(std::string_view contentType) {
-  std::string out(trimmed(contentType.substr(0, contentType.find(';'))));
+  std::string out(trimmedBlanks(contentType.substr(0, contentType.find(';'))));
   for (char& c : out)
     if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
   return out;
